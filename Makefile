@@ -1,0 +1,35 @@
+# The two commands a newcomer needs: `make demo` and `make test`. Each installs what is
+# missing, configures, builds and runs.
+PRESET ?= linux
+BUILD  := build
+
+.PHONY: all setup configure build test test-asan test-tsan demo bench clean
+
+all: build
+
+setup:
+	@bash scripts/setup
+
+configure: setup
+	@cmake --preset $(PRESET) >/dev/null
+
+build: configure
+	@cmake --build --preset $(PRESET)
+
+test: build
+	@ctest --preset $(PRESET)
+
+test-asan:
+	@$(MAKE) --no-print-directory test PRESET=linux-asan
+
+test-tsan:
+	@$(MAKE) --no-print-directory test PRESET=linux-tsan
+
+demo: build
+	@$(BUILD)/bin/zerlan demo
+
+bench: build
+	@bash bench/run
+
+clean:
+	rm -rf build build-asan build-tsan

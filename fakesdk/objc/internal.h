@@ -1,0 +1,61 @@
+// fakesdk's private view of its Objective-C runtime: the ARC entry points that Apple exports
+// from libobjc without a public header, and helpers the fake frameworks share.
+#pragma once
+
+#include <objc/message.h>
+#include <objc/objc-exception.h>
+#include <objc/objc-sync.h>
+#include <objc/runtime.h>
+
+#include <utility>
+
+extern "C" {
+id objc_retain(id obj);
+void objc_release(id obj);
+id objc_autorelease(id obj);
+id objc_retainAutoreleasedReturnValue(id obj);
+void *objc_autoreleasePoolPush(void);
+void objc_autoreleasePoolPop(void *pool);
+id objc_initWeak(id *location, id value);
+void objc_destroyWeak(id *location);
+id objc_loadWeakRetained(id *location);
+}
+
+namespace fakeobjc {
+
+// Marks a runtime object as never freed: retain and release become no-ops (constant strings,
+// class objects, shared singletons such as kCFBooleanTrue).
+void makeImmortal(id obj);
+
+// Raises an NSException with the given name and reason (a C++ throw of the NSException id).
+[[noreturn]] void raise(const char *name, const char *reason);
+[[noreturn]] void raiseFormat(const char *name, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+template <typename R, typename... Args>
+inline R msg(id receiver, SEL sel, Args... args)
+{
+    if (!receiver) {
+        if constexpr (std::is_void_v<R>)
+            return;
+        else
+            return R{};
+    }
+    IMP imp = class_getMethodImplementation(object_getClass(receiver), sel);
+    return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, sel, args...);
+}
+
+template <typename R, typename... Args>
+inline R msg(id receiver, const char *selName, Args... args)
+{
+    return msg<R, Args...>(receiver, sel_registerName(selName), args...);
+}
+
+template <typename R, typename... Args>
+inline R msgSuper(Class cls, id receiver, const char *selName, Args... args)
+{
+    SEL sel = sel_registerName(selName);
+    IMP imp = class_getMethodImplementation(class_getSuperclass(cls), sel);
+    return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, sel, args...);
+}
+
+} // namespace fakeobjc

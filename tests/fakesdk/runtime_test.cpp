@@ -1,0 +1,237 @@
+// The runtime behaviour the library relies on: method exchange as seen through inheritance,
+// class_addMethod's refusal, bare instances, associations and their lifetimes, zeroing weak
+// references, recursive object locks across threads, autorelease pools and unrecognised selectors.
+#include <fakesdk/objc_np.h>
+#include <objc/message.h>
+#include <objc/objc-sync.h>
+#include <objc/runtime.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern "C" {
+id objc_retain(id);
+void objc_release(id);
+id objc_autorelease(id);
+void *objc_autoreleasePoolPush(void);
+void objc_autoreleasePoolPop(void *);
+id objc_loadWeakRetained(id *);
+}
+
+namespace {
+
+template <typename R = id, typename... A>
+R send(id receiver, const char *name, A... args)
+{
+    SEL s = sel_registerName(name);
+    return reinterpret_cast<R (*)(id, SEL, A...)>(class_getMethodImplementation(object_getClass(receiver), s))(
+        receiver, s, args...);
+}
+
+id alloc(Class cls)
+{
+    return send(reinterpret_cast<id>(cls), "alloc");
+}
+
+long answerOne(id, SEL) { return 1; }
+long answerTwo(id, SEL) { return 2; }
+long answerThree(id, SEL) { return 3; }
+
+// A fresh Base <- Derived pair per test, so exchanges never leak between tests.
+class RuntimeTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        static int counter;
+        std::string suffix = std::to_string(++counter);
+        base_ = objc_allocateClassPair(objc_getClass("NSObject"), ("TestBase" + suffix).c_str(), 0);
+        class_addMethod(base_, sel_registerName("value"), reinterpret_cast<IMP>(answerOne), "q@:");
+        class_addMethod(base_, sel_registerName("other"), reinterpret_cast<IMP>(answerTwo), "q@:");
+        objc_registerClassPair(base_);
+        derived_ = objc_allocateClassPair(base_, ("TestDerived" + suffix).c_str(), 0);
+        objc_registerClassPair(derived_);
+    }
+
+    Class base_ = nullptr;
+    Class derived_ = nullptr;
+};
+
+TEST_F(RuntimeTest, ExchangeOnAnInheritedMethodChangesEveryClassThatInheritsIt)
+{
+    id instance = alloc(derived_);
+    Method value = class_getInstanceMethod(derived_, sel_registerName("value"));
+    Method other = class_getInstanceMethod(derived_, sel_registerName("other"));
+    ASSERT_EQ(value, class_getInstanceMethod(base_, sel_registerName("value"))) << "lookup must find the inherited record";
+    method_exchangeImplementations(value, other);
+    EXPECT_EQ(2, send<long>(instance, "value"));
+    EXPECT_EQ(1, send<long>(instance, "other"));
+    id baseInstance = alloc(base_);
+    EXPECT_EQ(2, send<long>(baseInstance, "value")) << "the superclass sees the same swap";
+    objc_release(instance);
+    objc_release(baseInstance);
+}
+
+TEST_F(RuntimeTest, AddMethodRefusesOnlyWhatTheClassItselfDefines)
+{
+    SEL value = sel_registerName("value");
+    EXPECT_FALSE(class_addMethod(base_, value, reinterpret_cast<IMP>(answerThree), "q@:"));
+    EXPECT_TRUE(class_addMethod(derived_, value, reinterpret_cast<IMP>(answerThree), "q@:")) << "an override is allowed";
+    id instance = alloc(derived_);
+    EXPECT_EQ(3, send<long>(instance, "value"));
+    EXPECT_STREQ("q@:", method_getTypeEncoding(class_getInstanceMethod(derived_, value)));
+    EXPECT_FALSE(class_addMethod(derived_, value, reinterpret_cast<IMP>(answerOne), "q@:"));
+    objc_release(instance);
+}
+
+TEST_F(RuntimeTest, ClassMethodsLiveOnTheMetaclassAndFollowInheritance)
+{
+    Class meta = object_getClass(reinterpret_cast<id>(base_));
+    ASSERT_TRUE(class_isMetaClass(meta));
+    class_addMethod(meta, sel_registerName("make"), reinterpret_cast<IMP>(answerThree), "q@:");
+    EXPECT_NE(nullptr, class_getClassMethod(derived_, sel_registerName("make")));
+    EXPECT_EQ(nullptr, class_getInstanceMethod(derived_, sel_registerName("make")));
+    EXPECT_EQ(3, send<long>(reinterpret_cast<id>(derived_), "make"));
+    EXPECT_EQ(nullptr, objc_allocateClassPair(base_, class_getName(base_), 0)) << "names are unique";
+}
+
+TEST_F(RuntimeTest, CreateInstanceIsZeroFilledRetainedOnceAndRunsNoInitialiser)
+{
+    Class cls = objc_allocateClassPair(base_, "TestWithIvars", 0);
+    ASSERT_TRUE(class_addIvar(cls, "_a", sizeof(long), 3, "q"));
+    ASSERT_TRUE(class_addIvar(cls, "_b", sizeof(char), 0, "c"));
+    ASSERT_FALSE(class_addIvar(cls, "_a", sizeof(long), 3, "q")) << "duplicate ivar";
+    objc_registerClassPair(cls);
+    ASSERT_FALSE(class_addIvar(cls, "_late", sizeof(long), 3, "q")) << "no ivars after registration";
+    id object = class_createInstance(cls, 16);
+    EXPECT_EQ(1, objc_retainCount_np(object));
+    EXPECT_EQ(cls, object_getClass(object));
+    auto *a = reinterpret_cast<long *>(reinterpret_cast<char *>(object) + ivar_getOffset(class_getInstanceVariable(cls, "_a")));
+    EXPECT_EQ(0, *a);
+    EXPECT_EQ(0u, ivar_getOffset(class_getInstanceVariable(cls, "_a")) % alignof(long));
+    objc_release(object);
+}
+
+TEST(AssociationsTest, RetainedValuesDieWithTheirObjectAssignedOnesAreNotRetained)
+{
+    static const char retainedKey = 0, assignedKey = 0;
+    long before = objc_liveObjects_np();
+    id owner = alloc(objc_getClass("NSObject"));
+    id retained = alloc(objc_getClass("NSObject"));
+    id assigned = alloc(objc_getClass("NSObject"));
+    objc_setAssociatedObject(owner, &retainedKey, retained, OBJC_ASSOCIATION_RETAIN_NONATOMIC);
+    objc_setAssociatedObject(owner, &assignedKey, assigned, OBJC_ASSOCIATION_ASSIGN);
+    EXPECT_EQ(2, objc_retainCount_np(retained));
+    EXPECT_EQ(1, objc_retainCount_np(assigned));
+    EXPECT_EQ(retained, objc_getAssociatedObject(owner, &retainedKey));
+    EXPECT_EQ(nullptr, objc_getAssociatedObject(owner, &before)) << "other keys see nothing";
+
+    // Replacing a retained value releases the old one; storing nil removes the association.
+    id replacement = alloc(objc_getClass("NSObject"));
+    objc_trackRetains_np(retained);
+    objc_setAssociatedObject(owner, &retainedKey, replacement, OBJC_ASSOCIATION_RETAIN_NONATOMIC);
+    long retains = 0, releases = 0;
+    objc_retainCounts_np(retained, &retains, &releases);
+    EXPECT_EQ(0, retains);
+    EXPECT_EQ(1, releases);
+    objc_setAssociatedObject(owner, &assignedKey, nullptr, OBJC_ASSOCIATION_ASSIGN);
+    EXPECT_FALSE(objc_hasAssociation_np(owner, &assignedKey));
+
+    objc_release(owner);
+    EXPECT_EQ(1, objc_retainCount_np(replacement)) << "the dead owner released its retained value";
+    objc_release(replacement);
+    objc_release(retained);
+    objc_release(assigned);
+    EXPECT_EQ(before, objc_liveObjects_np());
+}
+
+TEST(WeakTest, SlotsZeroWhenTheObjectDiesAndLoadsNeverRevive)
+{
+    id object = alloc(objc_getClass("NSObject"));
+    id first = nullptr, second = nullptr;
+    objc_storeWeak(&first, object);
+    objc_storeWeak(&second, object);
+    id loaded = objc_loadWeakRetained(&first);
+    EXPECT_EQ(object, loaded);
+    EXPECT_EQ(2, objc_retainCount_np(object));
+    objc_release(loaded);
+    objc_release(object);
+    EXPECT_EQ(nullptr, first);
+    EXPECT_EQ(nullptr, objc_loadWeakRetained(&second));
+    objc_storeWeak(&first, nullptr);
+}
+
+TEST(WeakTest, ConcurrentLoadsAndFinalReleaseAgree)
+{
+    // A load racing the last release either gets a live object or nil, never a dying one.
+    for (int round = 0; round < 200; ++round) {
+        id object = alloc(objc_getClass("NSObject"));
+        id slot = nullptr;
+        objc_storeWeak(&slot, object);
+        std::atomic<bool> go{false};
+        std::thread loader([&] {
+            while (!go) {
+            }
+            if (id strong = objc_loadWeakRetained(&slot)) {
+                EXPECT_GE(objc_retainCount_np(strong), 1);
+                objc_release(strong);
+            }
+        });
+        go = true;
+        objc_release(object);
+        loader.join();
+        EXPECT_EQ(nullptr, slot);
+    }
+}
+
+TEST(ObjectLockTest, RecursiveAndExclusiveAcrossThreads)
+{
+    id lock = alloc(objc_getClass("NSObject"));
+    ASSERT_EQ(OBJC_SYNC_SUCCESS, objc_sync_enter(lock));
+    ASSERT_EQ(OBJC_SYNC_SUCCESS, objc_sync_enter(lock)) << "recursive on the owning thread";
+    int otherResult = 0;
+    std::thread([&] { otherResult = objc_sync_exit(lock); }).join();
+    EXPECT_EQ(OBJC_SYNC_NOT_OWNING_THREAD_ERROR, otherResult);
+    EXPECT_EQ(OBJC_SYNC_SUCCESS, objc_sync_exit(lock));
+    EXPECT_EQ(OBJC_SYNC_SUCCESS, objc_sync_exit(lock));
+
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                objc_sync_enter(lock);
+                long seen = counter;
+                counter = seen + 1;
+                objc_sync_exit(lock);
+            }
+        });
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(80000, counter);
+    objc_release(lock);
+}
+
+TEST(AutoreleasePoolTest, PopReleasesOnlyWhatWasAddedSinceItsPush)
+{
+    id outer = alloc(objc_getClass("NSObject"));
+    id inner = alloc(objc_getClass("NSObject"));
+    objc_retain(outer);
+    objc_retain(inner);
+    void *outerPool = objc_autoreleasePoolPush();
+    objc_autorelease(outer);
+    void *innerPool = objc_autoreleasePoolPush();
+    objc_autorelease(inner);
+    objc_autoreleasePoolPop(innerPool);
+    EXPECT_EQ(1, objc_retainCount_np(inner));
+    EXPECT_EQ(2, objc_retainCount_np(outer));
+    objc_autoreleasePoolPop(outerPool);
+    EXPECT_EQ(1, objc_retainCount_np(outer));
+    objc_release(outer);
+    objc_release(inner);
+}
+
+} // namespace
