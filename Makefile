@@ -26,7 +26,7 @@ test-tsan:
 	@$(MAKE) --no-print-directory test PRESET=linux-tsan
 
 demo: build
-	@$(BUILD)/bin/zerlan demo
+	@ZERLAN_DEBUG=1 LD_PRELOAD=$(BUILD)/lib/libZerlanInject.so $(BUILD)/bin/camera-info
 
 bench: build
 	@bash bench/run

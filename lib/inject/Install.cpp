@@ -1,0 +1,87 @@
+#include "inject/Install.h"
+
+#include "inject/Diagnostics.h"
+#include "inject/FakeDevice.h"
+#include "inject/Registry.h"
+
+#include <string>
+
+using namespace zerlan::objc;
+
+std::span<const ZerlanExchangeRow> ZerlanExchangeTable()
+{
+    // Built on first use: the rows hold function addresses, so they are not constant-initialised,
+    // and the initialiser below must not depend on the order of static initialisation.
+    static const ZerlanExchangeRow rows[] = {
+        {"AVCaptureDevice", "defaultDeviceWithMediaType:", ZerlanRowKind::classMethod, imp(zerlan_defaultDeviceWithMediaType)},
+        {"AVCaptureDevice", "deviceWithUniqueID:", ZerlanRowKind::classMethod, imp(zerlan_deviceWithUniqueID)},
+        {"AVCaptureDevice", "localizedName", ZerlanRowKind::instance, imp(zerlan_localizedName)},
+        {"AVCaptureDevice", "uniqueID", ZerlanRowKind::instance, imp(zerlan_uniqueID)},
+        {"AVCaptureDevice", "position", ZerlanRowKind::instance, imp(zerlan_position)},
+        {"AVCaptureDevice", "deviceType", ZerlanRowKind::instance, imp(zerlan_deviceType)},
+        {"AVCaptureDevice", "formats", ZerlanRowKind::instance, imp(zerlan_formats)},
+        {"AVCaptureDevice", "activeFormat", ZerlanRowKind::instance, imp(zerlan_activeFormat)},
+        {"AVCaptureDevice", "setActiveFormat:", ZerlanRowKind::instance, imp(zerlan_setActiveFormat)},
+        {"AVCaptureDevice", "hasFlash", ZerlanRowKind::instance, imp(zerlan_hasFlash)},
+        {"AVCaptureDevice", "hasTorch", ZerlanRowKind::instance, imp(zerlan_hasTorch)},
+        {"AVCaptureDevice", "isFocusPointOfInterestSupported", ZerlanRowKind::instance, imp(zerlan_isFocusPointOfInterestSupported)},
+        {"AVCaptureDevice", "isExposurePointOfInterestSupported", ZerlanRowKind::instance, imp(zerlan_isExposurePointOfInterestSupported)},
+        {"AVCaptureDevice", "lockForConfiguration:", ZerlanRowKind::instance, imp(zerlan_lockForConfiguration)},
+        {"AVCaptureDevice", "unlockForConfiguration", ZerlanRowKind::instance, imp(zerlan_unlockForConfiguration)},
+        {"AVCaptureDeviceDiscoverySession", "devices", ZerlanRowKind::instance, imp(zerlan_devices)},
+    };
+    return rows;
+}
+
+void ZerlanExchange(Class cls, SEL frameworkSelector, SEL replacementSelector)
+{
+    Method framework = class_getInstanceMethod(cls, frameworkSelector);
+    Method replacement = class_getInstanceMethod(cls, replacementSelector);
+    if (framework && replacement)
+        method_exchangeImplementations(framework, replacement);
+}
+
+void ZerlanExchangeClass(Class cls, SEL frameworkSelector, SEL replacementSelector)
+{
+    Method framework = class_getClassMethod(cls, frameworkSelector);
+    Method replacement = class_getClassMethod(cls, replacementSelector);
+    if (framework && replacement)
+        method_exchangeImplementations(framework, replacement);
+}
+
+void ZerlanInstallRow(const ZerlanExchangeRow &row)
+{
+    Class target = reinterpret_cast<Class>(send<id>(cls(row.className), sel<"class">()));
+    if (!target)
+        return;
+    SEL selector = sel_registerName(row.selector);
+    if (row.kind == ZerlanRowKind::added) {
+        // Takes the type of UIViewController's method of the same name; refused (and ignored)
+        // when the class already defines it itself.
+        Method model = class_getInstanceMethod(objc_getClass("UIViewController"), selector);
+        class_addMethod(target, selector, row.implementation, model ? method_getTypeEncoding(model) : nullptr);
+        return;
+    }
+    bool isClassRow = row.kind == ZerlanRowKind::classMethod;
+    Method framework = isClassRow ? class_getClassMethod(target, selector) : class_getInstanceMethod(target, selector);
+    SEL replacement = sel_registerName((std::string("zerlan_") + row.selector).c_str());
+    if (framework) {
+        Class holder = isClassRow ? object_getClass(reinterpret_cast<id>(target)) : target;
+        class_addMethod(holder, replacement, row.implementation, method_getTypeEncoding(framework));
+    }
+    if (isClassRow)
+        ZerlanExchangeClass(target, selector, replacement);
+    else
+        ZerlanExchange(target, selector, replacement);
+}
+
+// The library's only load-time initialiser. The loader runs it after the frameworks the library
+// links against have registered their classes.
+__attribute__((constructor)) static void ZerlanInstall()
+{
+    AutoreleasePool pool;
+    ZerlanResetRetainedFakeObjects();
+    for (const ZerlanExchangeRow &row : ZerlanExchangeTable())
+        ZerlanInstallRow(row);
+    ZerlanLog(CFSTR("[ZerlanInject] AVFoundation compatibility layer loaded"));
+}

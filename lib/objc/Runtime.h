@@ -1,0 +1,264 @@
+// The C++ face of the Objective-C runtime: the only place in the library that knows how a message
+// is sent, how ownership of runtime and CF objects is held, and how a class is declared.
+//
+// Contract of every helper here:
+// - send<R>(receiver, sel, args...) calls the receiver's implementation with the exact function
+//   type R(*)(id, SEL, Args...); a nil receiver returns a value-initialised R and sends nothing.
+//   An unimplemented selector fails as the platform does (unrecognised selector).
+// - Strong<T> owns one reference (+1). Strong<T>::retain(x) takes a new reference on x (+0 in);
+//   Strong<T>::adopt(x) takes over a reference the caller already owns (+1 in: alloc/new/copy,
+//   CF Create/Copy). Destruction releases; moving leaves the source null.
+// - Weak is a zeroing weak slot; load() returns a Strong (nil once the object is gone).
+#pragma once
+
+#include <objc/message.h>
+#include <objc/objc-sync.h>
+#include <objc/runtime.h>
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <cstddef>
+#include <type_traits>
+#include <utility>
+
+// The runtime exports these without a public header (they are what ARC compiles to).
+extern "C" {
+id objc_retain(id obj);
+void objc_release(id obj);
+id objc_autorelease(id obj);
+void *objc_autoreleasePoolPush(void);
+void objc_autoreleasePoolPop(void *pool);
+id objc_loadWeakRetained(id *location);
+id objc_initWeak(id *location, id value);
+void objc_destroyWeak(id *location);
+}
+
+namespace zerlan::objc {
+
+// A compile-time string usable as a template argument, so that each selector is registered once
+// per spelling and never retyped: sel<"initWithDevice:error:">().
+template <size_t N>
+struct FixedString {
+    constexpr FixedString(const char (&text)[N])
+    {
+        for (size_t i = 0; i < N; ++i)
+            chars[i] = text[i];
+    }
+    char chars[N];
+};
+
+template <FixedString Name>
+inline SEL sel()
+{
+    static SEL const selector = sel_registerName(Name.chars);
+    return selector;
+}
+
+// A CF object seen as the Objective-C object it is (toll-free bridging).
+inline id bridge(CFTypeRef object)
+{
+    return reinterpret_cast<id>(const_cast<void *>(object));
+}
+
+inline id cls(const char *name)
+{
+    return reinterpret_cast<id>(objc_getClass(name));
+}
+
+template <typename R, typename... Args>
+__attribute__((always_inline)) inline R send(id receiver, SEL selector, Args... args)
+{
+    if (!receiver) {
+        if constexpr (std::is_void_v<R>)
+            return;
+        else
+            return R{};
+    }
+    IMP imp = class_getMethodImplementation(object_getClass(receiver), selector);
+    return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, selector, args...);
+}
+
+// The implementation that cls's superclass provides, for overrides in the library's own classes.
+template <typename R, typename... Args>
+__attribute__((always_inline)) inline R sendSuper(Class cls, id receiver, SEL selector, Args... args)
+{
+    if (!receiver) {
+        if constexpr (std::is_void_v<R>)
+            return;
+        else
+            return R{};
+    }
+    IMP imp = class_getMethodImplementation(class_getSuperclass(cls), selector);
+    return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, selector, args...);
+}
+
+namespace detail {
+template <typename T>
+inline void retainObject(T object)
+{
+    if (!object)
+        return;
+    if constexpr (std::is_same_v<T, id>)
+        objc_retain(object);
+    else
+        CFRetain(object);
+}
+
+template <typename T>
+inline void releaseObject(T object)
+{
+    if (!object)
+        return;
+    if constexpr (std::is_same_v<T, id>)
+        objc_release(object);
+    else
+        CFRelease(object);
+}
+} // namespace detail
+
+// One owned reference to an Objective-C object (T = id) or a CF object (T = a CF reference type).
+template <typename T = id>
+class Strong {
+public:
+    Strong() = default;
+    Strong(std::nullptr_t) {}
+    ~Strong() { detail::releaseObject(ptr_); }
+
+    [[nodiscard]] static Strong retain(T object)
+    {
+        detail::retainObject(object);
+        return Strong(object);
+    }
+    [[nodiscard]] static Strong adopt(T object) { return Strong(object); }
+
+    Strong(const Strong &other) : ptr_(other.ptr_) { detail::retainObject(ptr_); }
+    Strong(Strong &&other) noexcept : ptr_(std::exchange(other.ptr_, nullptr)) {}
+    Strong &operator=(Strong other) noexcept
+    {
+        std::swap(ptr_, other.ptr_);
+        return *this;
+    }
+
+    T get() const { return ptr_; }
+    explicit operator bool() const { return ptr_ != nullptr; }
+    operator T() const { return ptr_; }
+
+    // Gives up ownership: the caller now owns the +1 reference.
+    [[nodiscard]] T leak() { return std::exchange(ptr_, nullptr); }
+
+    // Hands the reference to the current autorelease pool and returns the object (+0).
+    T autorelease()
+    {
+        T object = leak();
+        if constexpr (std::is_same_v<T, id>)
+            return objc_autorelease(object);
+        else
+            return object ? static_cast<T>(CFAutorelease(object)) : object;
+    }
+
+private:
+    explicit Strong(T object) : ptr_(object) {}
+    T ptr_ = nullptr;
+};
+
+// A zeroing weak reference. It registers its own address with the runtime, so it never moves.
+class Weak {
+public:
+    Weak() { objc_initWeak(&slot_, nullptr); }
+    explicit Weak(id object) { objc_initWeak(&slot_, object); }
+    ~Weak() { objc_destroyWeak(&slot_); }
+    Weak(const Weak &) = delete;
+    Weak &operator=(const Weak &) = delete;
+
+    void store(id object) { objc_storeWeak(&slot_, object); }
+    [[nodiscard]] Strong<> load() { return Strong<>::adopt(objc_loadWeakRetained(&slot_)); }
+
+private:
+    id slot_ = nullptr;
+};
+
+class AutoreleasePool {
+public:
+    AutoreleasePool() : token_(objc_autoreleasePoolPush()) {}
+    ~AutoreleasePool() { objc_autoreleasePoolPop(token_); }
+    AutoreleasePool(const AutoreleasePool &) = delete;
+    AutoreleasePool &operator=(const AutoreleasePool &) = delete;
+
+private:
+    void *token_;
+};
+
+// objc_sync_enter/exit on one object for a scope.
+class ObjectLock {
+public:
+    explicit ObjectLock(id object) : object_(object) { objc_sync_enter(object_); }
+    ~ObjectLock() { objc_sync_exit(object_); }
+    ObjectLock(const ObjectLock &) = delete;
+    ObjectLock &operator=(const ObjectLock &) = delete;
+
+private:
+    id object_;
+};
+
+// Declares one runtime class: the library's subclasses of framework classes. Methods that
+// override the superclass take the superclass method's own type encoding, so the signature
+// seen by the runtime is the framework's; new methods give theirs.
+class ClassBuilder {
+public:
+    ClassBuilder(const char *name, const char *superclassName)
+        : cls_(objc_allocateClassPair(objc_getClass(superclassName), name, 0))
+    {
+    }
+
+    // Nil when the superclass is missing or the name is taken.
+    Class cls() const { return cls_; }
+
+    ClassBuilder &override(SEL selector, IMP imp)
+    {
+        if (cls_) {
+            Method inherited = class_getInstanceMethod(class_getSuperclass(cls_), selector);
+            class_addMethod(cls_, selector, imp, inherited ? method_getTypeEncoding(inherited) : "@@:");
+        }
+        return *this;
+    }
+
+    ClassBuilder &method(SEL selector, IMP imp, const char *types)
+    {
+        if (cls_)
+            class_addMethod(cls_, selector, imp, types);
+        return *this;
+    }
+
+    ClassBuilder &ivar(const char *name, size_t size, uint8_t log2Alignment, const char *types)
+    {
+        if (cls_)
+            class_addIvar(cls_, name, size, log2Alignment, types);
+        return *this;
+    }
+
+    Class registerClass()
+    {
+        if (cls_)
+            objc_registerClassPair(cls_);
+        return cls_;
+    }
+
+private:
+    Class cls_;
+};
+
+// The address of an ivar of type T inside an instance (found by name once per class).
+template <typename T>
+inline T *ivarPointer(id object, const char *name)
+{
+    Ivar ivar = class_getInstanceVariable(object_getClass(object), name);
+    return ivar ? reinterpret_cast<T *>(reinterpret_cast<char *>(object) + ivar_getOffset(ivar)) : nullptr;
+}
+
+template <typename F>
+inline IMP imp(F function)
+{
+    return reinterpret_cast<IMP>(function);
+}
+
+} // namespace zerlan::objc

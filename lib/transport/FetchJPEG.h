@@ -1,0 +1,27 @@
+// One frame from the frame server on the loopback interface, over a fresh TCP connection.
+//
+// ZerlanFetchJPEG() connects to 127.0.0.1:47654, sends one fixed "GET /frame" request and returns
+// every byte after the first blank line of an "HTTP/1.1 200" or "HTTP/1.0 200" answer, read
+// until the server closes (or stays silent for 1 s). Any failure is the same null result; it
+// never throws, never logs and keeps no state, so any thread may call it, several at once. It
+// blocks its caller for the whole exchange. The result is owned by the caller (+1).
+#pragma once
+
+#include "objc/Runtime.h"
+
+#include <netinet/in.h>
+
+zerlan::objc::Strong<> ZerlanFetchJPEG();
+
+namespace zerlan::transport {
+
+inline constexpr uint16_t kFramePort = 47654;
+
+// The same exchange against another endpoint (tests run misbehaving servers on free ports; the
+// probe command can point at a server on another port).
+zerlan::objc::Strong<> fetchJPEG(const sockaddr_in &endpoint);
+
+// 127.0.0.1 at the given port.
+sockaddr_in loopbackEndpoint(uint16_t port);
+
+} // namespace zerlan::transport

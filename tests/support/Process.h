@@ -1,0 +1,106 @@
+// Runs a program of the build to completion with a chosen environment and collects its output.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+extern char **environ;
+
+namespace zerlan::testing {
+
+struct ProcessResult {
+    int status = -1; // exit code, or -1 when it did not exit normally
+    std::string out;
+    std::string err;
+};
+
+// The build directory, as ctest passes it to every test.
+inline std::string buildDir()
+{
+    const char *dir = std::getenv("ZERLAN_BUILD_DIR");
+    return dir ? dir : "build";
+}
+
+// Runs argv with the current environment changed by `set` (a value of nullptr-like "\x01unset"
+// removes the variable).
+inline const char *const kUnset = "\x01unset";
+
+inline ProcessResult runProcess(const std::vector<std::string> &argv, const std::map<std::string, std::string> &set = {})
+{
+    std::map<std::string, std::string> env;
+    for (char **e = environ; *e; ++e) {
+        std::string entry = *e;
+        auto eq = entry.find('=');
+        if (eq != std::string::npos)
+            env[entry.substr(0, eq)] = entry.substr(eq + 1);
+    }
+    for (const auto &[key, value] : set) {
+        if (value == kUnset)
+            env.erase(key);
+        else
+            env[key] = value;
+    }
+    std::vector<std::string> envStrings;
+    for (const auto &[key, value] : env)
+        envStrings.push_back(key + "=" + value);
+    std::vector<char *> envp, args;
+    for (auto &s : envStrings)
+        envp.push_back(s.data());
+    envp.push_back(nullptr);
+    std::vector<std::string> argCopy = argv;
+    for (auto &s : argCopy)
+        args.push_back(s.data());
+    args.push_back(nullptr);
+
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
+        return {};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    pid_t pid = -1;
+    int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    ProcessResult result;
+    if (spawned != 0) {
+        close(outPipe[0]);
+        close(errPipe[0]);
+        result.err = "spawn failed";
+        return result;
+    }
+    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+    std::string *sinks[2] = {&result.out, &result.err};
+    int open = 2;
+    while (open > 0 && poll(fds, 2, -1) > 0) {
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP)))
+                continue;
+            char buffer[4096];
+            ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+            if (n > 0) {
+                sinks[i]->append(buffer, static_cast<size_t>(n));
+            } else {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+} // namespace zerlan::testing

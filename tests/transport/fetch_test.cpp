@@ -1,0 +1,156 @@
+// The one-shot fetch against real servers that misbehave in each way the frame server might.
+#include "ScriptedServer.h"
+#include "transport/FetchJPEG.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+
+using zerlan::testing::ScriptedServer;
+using namespace zerlan::objc;
+
+namespace {
+
+std::string bytesOf(id data)
+{
+    auto *bytes = send<const char *>(data, sel<"bytes">());
+    return std::string(bytes, send<unsigned long>(data, sel<"length">()));
+}
+
+int openDescriptors()
+{
+    int count = 0;
+    if (DIR *dir = opendir("/proc/self/fd")) {
+        while (readdir(dir))
+            ++count;
+        closedir(dir);
+    }
+    return count;
+}
+
+// Answers every connection with the given bytes after reading the request, then closes.
+ScriptedServer::Script answer(std::string response)
+{
+    return [response](int fd) {
+        ScriptedServer::readHead(fd);
+        ScriptedServer::writeAll(fd, response);
+        return true;
+    };
+}
+
+Strong<> fetchFrom(const ScriptedServer &server)
+{
+    return zerlan::transport::fetchJPEG(zerlan::transport::loopbackEndpoint(server.port()));
+}
+
+class FetchTest : public ::testing::Test {
+protected:
+    void SetUp() override { descriptorsBefore_ = openDescriptors(); }
+    void TearDown() override { EXPECT_EQ(descriptorsBefore_, openDescriptors()) << "a socket leaked"; }
+
+    AutoreleasePool pool_;
+    int descriptorsBefore_ = 0;
+};
+
+TEST_F(FetchTest, BodyIsEverythingAfterTheFirstBlankLineOfA200)
+{
+    struct Case {
+        const char *what;
+        std::string response;
+        const char *body; // nullptr: no frame
+    };
+    const Case cases[] = {
+        {"length header ignored", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n1234567", "1234567"},
+        {"HTTP/1.0 with no headers", "HTTP/1.0 200 OK\r\n\r\nx", "x"},
+        {"bare status, no reason", "HTTP/1.1 200\r\n\r\nab", "ab"},
+        {"prefix test only", "HTTP/1.1 2001 Odd\r\n\r\nab", "ab"},
+        {"separators inside the body kept", "HTTP/1.1 200 OK\r\n\r\na\r\n\r\nb", "a\r\n\r\nb"},
+        {"no body byte", "HTTP/1.0 200 OK\r\n\r\n", nullptr},
+        {"404 with a body", "HTTP/1.1 404 Not Found\r\n\r\nx", nullptr},
+        {"HTTP/2", "HTTP/2 200\r\n\r\nx", nullptr},
+        {"lower-case protocol", "http/1.1 200 OK\r\n\r\nx", nullptr},
+        {"byte before the protocol", " HTTP/1.1 200 OK\r\n\r\nx", nullptr},
+        {"no separator", "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nx", nullptr},
+        {"empty response", "", nullptr},
+        {"invalid UTF-8 in the header", std::string("HTTP/1.1 200 OK\r\nX: \xff\r\n\r\nx"), nullptr},
+    };
+    for (const Case &c : cases) {
+        ScriptedServer server(answer(c.response));
+        Strong<> frame = fetchFrom(server);
+        if (c.body) {
+            ASSERT_TRUE(frame) << c.what;
+            EXPECT_EQ(c.body, bytesOf(frame)) << c.what;
+        } else {
+            EXPECT_FALSE(frame) << c.what;
+        }
+    }
+}
+
+TEST_F(FetchTest, SendsTheFixedRequestOnAFreshConnectionEachTime)
+{
+    std::string seen;
+    ScriptedServer server([&](int fd) {
+        seen = ScriptedServer::readHead(fd);
+        ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\n\r\nj");
+        return true;
+    });
+    ASSERT_TRUE(fetchFrom(server));
+    ASSERT_TRUE(fetchFrom(server));
+    EXPECT_EQ("GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n", seen);
+    EXPECT_EQ(2, server.connections());
+}
+
+TEST_F(FetchTest, LargeBodiesArriveWhole)
+{
+    std::string body(3 * 1024 * 1024 + 17, '\0');
+    for (size_t i = 0; i < body.size(); ++i)
+        body[i] = static_cast<char>(i * 31);
+    ScriptedServer server(answer("HTTP/1.1 200 OK\r\n\r\n" + body));
+    Strong<> frame = fetchFrom(server);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(body, bytesOf(frame));
+}
+
+TEST_F(FetchTest, NoServerFailsAtOnce)
+{
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(zerlan::transport::fetchJPEG(zerlan::transport::loopbackEndpoint(zerlan::testing::closedPort())));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900)) << "refused, not timed out";
+}
+
+TEST_F(FetchTest, AStalledServerYieldsWhatArrivedBeforeTheSilence)
+{
+    ScriptedServer server([](int fd) {
+        ScriptedServer::readHead(fd);
+        ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\n\r\nab");
+        char c;
+        ::recv(fd, &c, 1, 0); // holds the connection open until the client gives up and closes
+        return true;
+    });
+    Strong<> frame = fetchFrom(server);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ("ab", bytesOf(frame));
+}
+
+TEST_F(FetchTest, APeerThatResetsOrClosesEarlyGivesNothingAndNoSignal)
+{
+    // A reset before the request is read makes the send or the receive fail; either way there
+    // is no frame, and SIGPIPE must not end the process.
+    auto previous = std::signal(SIGPIPE, SIG_DFL);
+    for (int round = 0; round < 20; ++round) {
+        ScriptedServer server([](int fd) {
+            ScriptedServer::reset(fd);
+            return false;
+        });
+        EXPECT_FALSE(fetchFrom(server));
+    }
+    ScriptedServer silent([](int fd) { return true; });
+    EXPECT_FALSE(fetchFrom(silent)) << "closed without a byte";
+    std::signal(SIGPIPE, previous);
+}
+
+} // namespace
