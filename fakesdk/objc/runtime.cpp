@@ -82,29 +82,31 @@ id allocateObject(size_t size)
 
 std::atomic<long> gLiveObjects{0};
 
+// The tables live as long as the process and are never destroyed: worker threads may still
+// release objects while exit() runs static destructors.
 // Method tables change rarely (class set-up, exchange at load); lookups happen on every send.
 std::shared_mutex &classLock()
 {
-    static std::shared_mutex lock;
-    return lock;
+    static auto *lock = new std::shared_mutex();
+    return *lock;
 }
 
 std::unordered_map<std::string, Class> &classTable()
 {
-    static std::unordered_map<std::string, Class> table;
-    return table;
+    static auto *table = new std::unordered_map<std::string, Class>();
+    return *table;
 }
 
 std::mutex &selectorLock()
 {
-    static std::mutex lock;
-    return lock;
+    static auto *lock = new std::mutex();
+    return *lock;
 }
 
 std::unordered_set<std::string> &selectorTable()
 {
-    static std::unordered_set<std::string> table;
-    return table;
+    static auto *table = new std::unordered_set<std::string>();
+    return *table;
 }
 
 objc_method *findMethodLocked(Class cls, SEL sel)
@@ -129,14 +131,14 @@ struct Association {
 
 std::mutex &associationLock()
 {
-    static std::mutex lock;
-    return lock;
+    static auto *lock = new std::mutex();
+    return *lock;
 }
 
 std::unordered_map<id, std::unordered_map<const void *, Association>> &associationTable()
 {
-    static std::unordered_map<id, std::unordered_map<const void *, Association>> table;
-    return table;
+    static auto *table = new std::unordered_map<id, std::unordered_map<const void *, Association>>();
+    return *table;
 }
 
 bool policyRetains(objc_AssociationPolicy policy)
@@ -152,14 +154,14 @@ void releaseAssociation(const Association &a)
 
 std::mutex &weakLock()
 {
-    static std::mutex lock;
-    return lock;
+    static auto *lock = new std::mutex();
+    return *lock;
 }
 
 std::unordered_map<id, std::unordered_set<id *>> &weakTable()
 {
-    static std::unordered_map<id, std::unordered_set<id *>> table;
-    return table;
+    static auto *table = new std::unordered_map<id, std::unordered_set<id *>>();
+    return *table;
 }
 
 void weakUnregisterLocked(id obj, id *location)
@@ -180,14 +182,14 @@ struct SyncData {
 
 std::mutex &syncLock()
 {
-    static std::mutex lock;
-    return lock;
+    static auto *lock = new std::mutex();
+    return *lock;
 }
 
 std::unordered_map<id, std::unique_ptr<SyncData>> &syncTable()
 {
-    static std::unordered_map<id, std::unique_ptr<SyncData>> table;
-    return table;
+    static auto *table = new std::unordered_map<id, std::unique_ptr<SyncData>>();
+    return *table;
 }
 
 struct PoolStack {
