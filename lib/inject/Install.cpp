@@ -1,8 +1,12 @@
 #include "inject/Install.h"
 
+#include "inject/Connections.h"
 #include "inject/Diagnostics.h"
 #include "inject/FakeDevice.h"
 #include "inject/Registry.h"
+#include "session/Outputs.h"
+#include "session/Photo.h"
+#include "session/Session.h"
 
 #include <string>
 
@@ -29,6 +33,38 @@ std::span<const ZerlanExchangeRow> ZerlanExchangeTable()
         {"AVCaptureDevice", "lockForConfiguration:", ZerlanRowKind::instance, imp(zerlan_lockForConfiguration)},
         {"AVCaptureDevice", "unlockForConfiguration", ZerlanRowKind::instance, imp(zerlan_unlockForConfiguration)},
         {"AVCaptureDeviceDiscoverySession", "devices", ZerlanRowKind::instance, imp(zerlan_devices)},
+        {"AVCaptureDeviceInput", "initWithDevice:error:", ZerlanRowKind::instance, imp(zerlan_initWithDevice_error)},
+        {"AVCaptureDeviceInput", "ports", ZerlanRowKind::instance, imp(zerlan_ports)},
+        {"AVCaptureConnection", "initWithInputPorts:output:", ZerlanRowKind::instance, imp(zerlan_initWithInputPorts_output)},
+        {"AVCaptureConnection", "isVideoOrientationSupported", ZerlanRowKind::instance, imp(zerlan_isVideoOrientationSupported)},
+        {"AVCaptureConnection", "isVideoMirroringSupported", ZerlanRowKind::instance, imp(zerlan_isVideoMirroringSupported)},
+        {"AVCaptureConnection", "videoOrientation", ZerlanRowKind::instance, imp(zerlan_videoOrientation)},
+        {"AVCaptureConnection", "setVideoOrientation:", ZerlanRowKind::instance, imp(zerlan_setVideoOrientation)},
+        {"AVCaptureOutput", "connections", ZerlanRowKind::instance, imp(zerlan_connections)},
+        {"AVCaptureOutput", "connectionWithMediaType:", ZerlanRowKind::instance, imp(zerlan_connectionWithMediaType)},
+        {"AVCaptureSession", "canAddInput:", ZerlanRowKind::instance, imp(zerlan_canAddInput)},
+        {"AVCaptureSession", "addInput:", ZerlanRowKind::instance, imp(zerlan_addInput)},
+        {"AVCaptureSession", "canAddOutput:", ZerlanRowKind::instance, imp(zerlan_canAddOutput)},
+        {"AVCaptureSession", "addOutput:", ZerlanRowKind::instance, imp(zerlan_addOutput)},
+        {"AVCaptureSession", "startRunning", ZerlanRowKind::instance, imp(zerlan_startRunning)},
+        {"AVCaptureSession", "stopRunning", ZerlanRowKind::instance, imp(zerlan_stopRunning)},
+        {"AVCaptureSession", "isRunning", ZerlanRowKind::instance, imp(zerlan_isRunning)},
+        {"AVCaptureSession", "addInputWithNoConnections:", ZerlanRowKind::instance, imp(zerlan_addInputWithNoConnections)},
+        {"AVCaptureSession", "addOutputWithNoConnections:", ZerlanRowKind::instance, imp(zerlan_addOutputWithNoConnections)},
+        {"AVCaptureSession", "addConnection:", ZerlanRowKind::instance, imp(zerlan_addConnection)},
+        {"AVCaptureSession", "canAddConnection:", ZerlanRowKind::instance, imp(zerlan_canAddConnection)},
+        {"AVCaptureSession", "canSetSessionPreset:", ZerlanRowKind::instance, imp(zerlan_canSetSessionPreset)},
+        {"AVCaptureSession", "inputs", ZerlanRowKind::instance, imp(zerlan_inputs)},
+        {"AVCaptureSession", "outputs", ZerlanRowKind::instance, imp(zerlan_outputs)},
+        {"AVCaptureSession", "removeInput:", ZerlanRowKind::instance, imp(zerlan_removeInput)},
+        {"AVCaptureSession", "removeOutput:", ZerlanRowKind::instance, imp(zerlan_removeOutput)},
+        {"AVCaptureVideoDataOutput", "setSampleBufferDelegate:queue:", ZerlanRowKind::instance, imp(zerlan_setSampleBufferDelegate_queue)},
+        {"AVCaptureVideoDataOutput", "recommendedVideoSettingsForAssetWriterWithOutputFileType:", ZerlanRowKind::instance, imp(zerlan_recommendedVideoSettingsForAssetWriterWithOutputFileType)},
+        {"AVCapturePhotoOutput", "capturePhotoWithSettings:delegate:", ZerlanRowKind::instance, imp(zerlan_capturePhotoWithSettings_delegate)},
+        {"AVCaptureMetadataOutput", "availableMetadataObjectTypes", ZerlanRowKind::instance, imp(zerlan_availableMetadataObjectTypes)},
+        {"AVCaptureMetadataOutput", "setMetadataObjectTypes:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectTypes)},
+        {"AVCaptureMetadataOutput", "setMetadataObjectsDelegate:queue:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectsDelegate_queue)},
+        {"AVCaptureVideoPreviewLayer", "setSession:", ZerlanRowKind::instance, imp(zerlan_setSession)},
     };
     return rows;
 }

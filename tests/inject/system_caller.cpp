@@ -8,3 +8,15 @@ extern "C" __attribute__((visibility("default"), disable_tail_calls)) id SystemC
 {
     return send<id>(discoverySession, sel<"devices">());
 }
+
+// Sends `connections` and `connectionWithMediaType:` to an output from the same image.
+extern "C" __attribute__((visibility("default"), disable_tail_calls)) id SystemCallerConnections(id output)
+{
+    return send<id>(output, sel<"connections">());
+}
+
+extern "C" __attribute__((visibility("default"), disable_tail_calls)) id SystemCallerConnectionWithMediaType(id output,
+                                                                                                          id mediaType)
+{
+    return send<id>(output, sel<"connectionWithMediaType:">(), mediaType);
+}

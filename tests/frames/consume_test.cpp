@@ -1,0 +1,235 @@
+// Frame consumption driven directly (no frame server, the client never polls here): what the
+// app's preview layers, sample-buffer delegate and metadata delegate receive for each frame.
+#include "CaptureTestSupport.h"
+
+#include "frames/FrameClient.h"
+#include "frames/MetadataObject.h"
+#include "inject/Registry.h"
+
+#include <fakesdk/media_np.h>
+
+using namespace capture_test;
+
+namespace {
+
+std::string payloadFor(const char *name)
+{
+    return std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "-" + name;
+}
+
+Canvas codeFrame(const std::string &payload)
+{
+    Canvas c(640, 480);
+    c.qr(payload, 180, 100);
+    return c;
+}
+
+Canvas twoCodesFrame(const std::string &left, const std::string &right)
+{
+    Canvas c(640, 480);
+    c.qr(left, 10, 120, 5);
+    c.qr(right, 330, 120, 5);
+    return c;
+}
+
+class ConsumeTest : public ::testing::Test {
+protected:
+    void consume(const Canvas &canvas)
+    {
+        Strong<> frame = image(canvas);
+        ASSERT_TRUE(frame);
+        ZerlanFrameClient::shared().consume(frame);
+    }
+
+    Strong<> serialQueue(const char *label)
+    {
+        return Strong<>::adopt(reinterpret_cast<id>(dispatch_queue_create(label, nullptr)));
+    }
+
+    dispatch_queue_t queue(const Strong<> &q) { return reinterpret_cast<dispatch_queue_t>(q.get()); }
+
+    AutoreleasePool pool_;
+    Recorder video_, metadata_;
+    AppSession app_;
+    Canvas plain_ = bands(640, 480, true, 160);
+};
+
+TEST_F(ConsumeTest, SampleBufferReachesTheDelegateOnItsQueue)
+{
+    Strong<> output = app_.add("AVCaptureVideoDataOutput");
+    Strong<> q = serialQueue("test.video");
+    send<void>(output.get(), sel<"setSampleBufferDelegate:queue:">(), video_.get(), queue(q));
+
+    consume(plain_);
+    ASSERT_TRUE(runMainUntil(5, [&] { return video_->size(&Recording::samples) == 1; }));
+    Call call = video_->copy(&Recording::samples)[0];
+    EXPECT_EQ(output.get(), call.output);
+    EXPECT_EQ(AppSession::connectionOf(output), call.third) << "the output's one fabricated connection";
+    EXPECT_EQ("test.video", call.queue);
+    EXPECT_EQ(640u, CVPixelBufferGetWidth(CMSampleBufferGetImageBuffer(call.buffer())));
+    EXPECT_EQ(2, call.retainCountInCall) << "the library's reference and the delegate's own";
+    ASSERT_TRUE(runMainUntil(5, [&] { return retainCountOf(call.buffer()) == 2; }))
+        << "once the delegate returns only the recording and its copy here hold the buffer";
+
+    // The connection's orientation is read for every frame.
+    send<void>(call.third, sel<"setVideoOrientation:">(), 1L);
+    consume(plain_);
+    ASSERT_TRUE(runMainUntil(5, [&] { return video_->size(&Recording::samples) == 2; }));
+    CVPixelBufferRef portrait = CMSampleBufferGetImageBuffer(video_->copy(&Recording::samples)[1].buffer());
+    EXPECT_EQ(480u, CVPixelBufferGetWidth(portrait));
+    EXPECT_EQ(640u, CVPixelBufferGetHeight(portrait));
+}
+
+TEST_F(ConsumeTest, DelegateWithoutQueueIsCalledOnTheMainThread)
+{
+    Strong<> output = app_.add("AVCaptureVideoDataOutput");
+    bool raised = false;
+    try {
+        send<void>(output.get(), sel<"setSampleBufferDelegate:queue:">(), video_.get(), static_cast<dispatch_queue_t>(nullptr));
+    } catch (id) {
+        raised = true; // the system's setter refuses a nil queue, after the library has stored both
+    }
+    EXPECT_TRUE(raised);
+    consume(plain_);
+    ASSERT_TRUE(runMainUntil(5, [&] { return video_->size(&Recording::samples) == 1; }));
+    EXPECT_TRUE(video_->copy(&Recording::samples)[0].mainThread);
+}
+
+TEST_F(ConsumeTest, DeliveryFollowsTheLatestDelegateAndOutput)
+{
+    Strong<> q = serialQueue("test.video");
+    Strong<> first = app_.add("AVCaptureVideoDataOutput");
+    send<void>(first.get(), sel<"setSampleBufferDelegate:queue:">(), video_.get(), queue(q));
+    Recorder replacement;
+    send<void>(first.get(), sel<"setSampleBufferDelegate:queue:">(), replacement.get(), queue(q));
+    consume(plain_);
+    ASSERT_TRUE(runMainUntil(5, [&] { return replacement->size(&Recording::samples) == 1; }));
+
+    // A second accepted video output takes over; the first gets nothing more.
+    Strong<> second = app_.add("AVCaptureVideoDataOutput");
+    send<void>(second.get(), sel<"setSampleBufferDelegate:queue:">(), video_.get(), queue(q));
+    consume(plain_);
+    ASSERT_TRUE(runMainUntil(5, [&] { return video_->size(&Recording::samples) == 1; }));
+    EXPECT_EQ(second.get(), video_->copy(&Recording::samples)[0].output);
+    EXPECT_EQ(1u, replacement->size(&Recording::samples));
+
+    // With no output registered, no sample buffer is made at all.
+    ZerlanFrameClient::shared().setVideoOutput(nil);
+    ASSERT_TRUE(drainMainQueue()) << "earlier frames' layer updates paint whatever is registered when they run";
+    Strong<> layer = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    send<void>(layer.get(), sel<"setSession:">(), app_.session.get());
+    consume(plain_);
+    ASSERT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(layer) == 1; }));
+    dispatch_sync(queue(q), ^{
+    });
+    EXPECT_EQ(1u, video_->size(&Recording::samples));
+}
+
+TEST_F(ConsumeTest, LayersGetEachFrameOnceOnTheMainThread)
+{
+    Strong<> a = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    Strong<> b = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    send<void>(a.get(), sel<"setSession:">(), app_.session.get());
+    send<void>(a.get(), sel<"setSession:">(), app_.session.get());
+    send<void>(b.get(), sel<"setSession:">(), app_.session.get());
+    {
+        // A layer that the app frees before the frame arrives is skipped.
+        Strong<> gone = allocInit<"init">("AVCaptureVideoPreviewLayer");
+        send<void>(gone.get(), sel<"setSession:">(), app_.session.get());
+    }
+
+    Strong<> frame = image(plain_);
+    ZerlanFrameClient::shared().consume(frame);
+    ASSERT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(a) >= 1 && CALayerContentsSetCount_np(b) >= 1; }));
+    id bitmap = bridge(send<CGImageRef>(frame.get(), sel<"CGImage">()));
+    for (id layer : {a.get(), b.get()}) {
+        EXPECT_EQ(1, CALayerContentsSetCount_np(layer)) << "a layer added twice is painted once per frame";
+        EXPECT_TRUE(CALayerContentsLastSetOnMainThread_np(layer));
+        EXPECT_EQ(bitmap, send<id>(layer, sel<"contents">()));
+        EXPECT_TRUE(isEqualToString(kCAGravityResizeAspectFill, send<id>(layer, sel<"contentsGravity">())));
+    }
+}
+
+TEST_F(ConsumeTest, PreviewLayerSessions)
+{
+    // A fabricated session stays away from the system's setter: the layer keeps its own session.
+    Strong<> layer = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    send<void>(layer.get(), sel<"setSession:">(), app_.session.get());
+    EXPECT_EQ(nil, send<id>(layer.get(), sel<"session">()));
+
+    // A real session goes to the system, and the layer is painted with injected frames anyway.
+    Strong<> real = allocInit<"init">("AVCaptureSession");
+    Strong<> other = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    send<void>(other.get(), sel<"setSession:">(), real.get());
+    EXPECT_EQ(real.get(), send<id>(other.get(), sel<"session">()));
+    consume(plain_);
+    EXPECT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(other) == 1; }));
+}
+
+TEST_F(ConsumeTest, OneMetadataCallPerChangeOfPayload)
+{
+    Strong<> output = app_.add("AVCaptureMetadataOutput");
+    std::string x = payloadFor("X"), y = payloadFor("Y");
+    // Seen before the delegate is set: recorded, never delivered later.
+    consume(codeFrame(payloadFor("early")));
+    send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), metadata_.get(),
+               static_cast<dispatch_queue_t>(nullptr));
+
+    for (const Canvas &frame : {codeFrame(x), codeFrame(x), plain_, codeFrame(x), codeFrame(y), codeFrame(x)})
+        consume(frame);
+    ASSERT_TRUE(runMainUntil(5, [&] { return metadata_->size(&Recording::metadata) >= 3; }));
+    EXPECT_FALSE(runMainUntil(0.3, [&] { return metadata_->size(&Recording::metadata) > 3; }));
+
+    std::vector<std::string> payloads;
+    for (const Call &call : metadata_->copy(&Recording::metadata)) {
+        EXPECT_EQ(output.get(), call.output);
+        EXPECT_EQ(nil, call.third);
+        EXPECT_TRUE(call.mainThread) << "no queue given: the main queue";
+        ASSERT_EQ(1u, count(call.object));
+        id object = objectAtIndex(call.object, 0);
+        EXPECT_STREQ("ZerlanMetadataObject", class_getName(object_getClass(object)));
+        EXPECT_TRUE(send<BOOL>(object, sel<"isKindOfClass:">(), cls("AVMetadataMachineReadableCodeObject")));
+        EXPECT_TRUE(isEqualToString(AVMetadataObjectTypeQRCode, send<id>(object, sel<"type">())));
+        payloads.push_back(text(send<id>(object, sel<"stringValue">())));
+    }
+    EXPECT_EQ((std::vector<std::string>{x, y, x}), payloads);
+}
+
+TEST_F(ConsumeTest, TwoCodesInViewAlternate)
+{
+    Strong<> output = app_.add("AVCaptureMetadataOutput");
+    Strong<> q = serialQueue("test.metadata");
+    send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), metadata_.get(), queue(q));
+    std::string left = payloadFor("left"), right = payloadFor("right");
+    Canvas both = twoCodesFrame(left, right);
+    for (int i = 0; i < 4; ++i)
+        consume(both);
+    ASSERT_TRUE(runMainUntil(5, [&] { return metadata_->size(&Recording::metadata) == 4; }));
+
+    std::vector<std::string> payloads;
+    for (const Call &call : metadata_->copy(&Recording::metadata)) {
+        EXPECT_EQ("test.metadata", call.queue);
+        payloads.push_back(text(send<id>(objectAtIndex(call.object, 0), sel<"stringValue">())));
+    }
+    ASSERT_TRUE(payloads[0] == left || payloads[0] == right) << payloads[0];
+    std::string other = payloads[0] == left ? right : left;
+    EXPECT_EQ((std::vector<std::string>{payloads[0], other, payloads[0], other}), payloads);
+}
+
+TEST_F(ConsumeTest, MetadataObjectKeepsACopyOfItsPayload)
+{
+    long live = objc_liveObjects_np();
+    {
+        AutoreleasePool inner;
+        Strong<> object = Strong<>::adopt(class_createInstance(ZerlanMetadataObjectClass(), 0));
+        Strong<> payload = allocInit<"initWithString:">("NSMutableString", string("before"));
+        send<void>(object.get(), sel<"setZerlanPayload:">(), payload.get());
+        send<void>(payload.get(), sel<"setString:">(), string("after"));
+        EXPECT_EQ("before", text(send<id>(object.get(), sel<"stringValue">())));
+        EXPECT_EQ(send<id>(object.get(), sel<"zerlanPayload">()), send<id>(object.get(), sel<"stringValue">()));
+        send<void>(object.get(), sel<"setZerlanPayload:">(), string("replaced"));
+    }
+    EXPECT_EQ(live, objc_liveObjects_np()) << "the payload is released with the object";
+}
+
+} // namespace
