@@ -26,7 +26,7 @@ test-tsan:
 	@$(MAKE) --no-print-directory test PRESET=linux-tsan
 
 demo: build
-	@ZERLAN_DEBUG=1 LD_PRELOAD=$(BUILD)/lib/libZerlanInject.so $(BUILD)/bin/camera-info
+	@$(BUILD)/bin/zerlan demo
 
 bench: build
 	@bash bench/run

@@ -1,0 +1,346 @@
+// capture-app as a scanning app against a real `zerlan serve` on 127.0.0.1:47654: a camera-less
+// Simulator fails as Apple's does; with ZerlanInject preloaded frames, QR payloads (in the order
+// the server shows them) and the photo arrive, polling survives a server restart, and
+// `zerlan demo` runs the whole thing from one command.
+#include "Process.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+using namespace zerlan::testing;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr uint16_t kFramePort = 47654;
+
+struct HttpAnswer {
+    int status = 0; // 0: no answer
+    std::string body;
+};
+
+// One request to the frame server on loopback, read until the server closes.
+HttpAnswer http(const std::string &method, const std::string &path, const std::string &body = {})
+{
+    HttpAnswer answer;
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval timeout{3, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(kFramePort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
+        std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
+        if (!body.empty())
+            request += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
+        request += "\r\n" + body;
+        send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+        std::string raw;
+        char buffer[8192];
+        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
+            raw.append(buffer, static_cast<size_t>(n));
+        size_t headerEnd = raw.find("\r\n\r\n");
+        if (std::sscanf(raw.c_str(), "HTTP/1.%*d %d", &answer.status) == 1 && headerEnd != std::string::npos)
+            answer.body = raw.substr(headerEnd + 4);
+    }
+    close(fd);
+    return answer;
+}
+
+bool somethingListens()
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(kFramePort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool listening = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    close(fd);
+    return listening;
+}
+
+long framesServed()
+{
+    HttpAnswer status = http("GET", "/status");
+    if (status.status != 200)
+        return -1;
+    return nlohmann::json::parse(status.body).value("frames_served", -1L);
+}
+
+template <typename Condition>
+bool waitFor(Condition condition, Clock::duration limit)
+{
+    auto deadline = Clock::now() + limit;
+    while (!condition()) {
+        if (Clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+std::string readFile(const fs::path &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// `zerlan serve` on the frame port, stopped with SIGTERM (or killed) when the test is done.
+class FrameServer {
+public:
+    explicit FrameServer(std::vector<std::string> args)
+    {
+        std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", std::to_string(kFramePort)};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char *> raw;
+        for (auto &s : argv)
+            raw.push_back(s.data());
+        raw.push_back(nullptr);
+        log_ = fs::temp_directory_path() / ("zerlan-e2e-serve-" + std::to_string(getpid()) + ".log");
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 2, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~FrameServer() { stop(SIGTERM); }
+
+    // Whether it serves frames before the deadline (a frame, not just a listening socket).
+    bool waitUntilServing()
+    {
+        bool exited = false;
+        waitFor(
+            [&] {
+                int status = 0;
+                exited = pid_ <= 0 || waitpid(pid_, &status, WNOHANG) == pid_;
+                return exited || http("GET", "/frame").status == 200;
+            },
+            10s);
+        if (exited)
+            pid_ = -1;
+        return !exited && http("GET", "/frame").status == 200;
+    }
+
+    void stop(int signal)
+    {
+        if (pid_ <= 0)
+            return;
+        kill(pid_, signal);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+    }
+
+    std::string log() const { return readFile(log_); }
+
+private:
+    pid_t pid_ = -1;
+    fs::path log_;
+};
+
+struct AppRun {
+    ProcessResult process;
+    nlohmann::json out;
+};
+
+AppRun captureApp(bool withLibrary, std::vector<std::string> args)
+{
+    std::vector<std::string> argv{buildDir() + "/bin/capture-app"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    AppRun run;
+    run.process = runProcess(argv, {{"LD_PRELOAD", withLibrary ? buildDir() + "/lib/libZerlanInject.so" : kUnset},
+                                    {"ZERLAN_DEBUG", kUnset}});
+    run.out = nlohmann::json::parse(run.process.out, nullptr, false);
+    return run;
+}
+
+std::future<AppRun> startCaptureApp(std::vector<std::string> args)
+{
+    return std::async(std::launch::async, [args] { return captureApp(true, args); });
+}
+
+class CaptureAppTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::temp_directory_path() / ("zerlan-capture-app-" + std::to_string(getpid()));
+        fs::create_directories(dir_);
+        // Other suites hold the same ctest lock; a server of a run outside ctest may linger briefly.
+        ASSERT_TRUE(waitFor([] { return !somethingListens(); }, 20s)) << "something else listens on port 47654";
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    fs::path dir_;
+};
+
+TEST_F(CaptureAppTest, WithoutTheLibraryTheSimulatorHasNoCamera)
+{
+    AppRun run = captureApp(false, {"--seconds", "0.5"});
+    EXPECT_EQ(1, run.process.status) << run.process.err;
+    ASSERT_TRUE(run.out.is_object()) << run.process.out << run.process.err;
+    EXPECT_EQ("no camera available", run.out["error"]);
+    EXPECT_TRUE(run.out["device"].is_null());
+    EXPECT_EQ(false, run.out["running"]);
+    EXPECT_EQ(0, run.out["videoFrames"]);
+    EXPECT_EQ(nlohmann::json::array(), run.out["qr"]);
+    EXPECT_TRUE(run.out["photoBytes"].is_null());
+    EXPECT_EQ(false, run.out["previewHasContents"]);
+}
+
+TEST_F(CaptureAppTest, WithTheLibraryFramesTheCodeAndThePhotoArrive)
+{
+    FrameServer server({});
+    ASSERT_TRUE(server.waitUntilServing()) << server.log();
+    fs::path photo = dir_ / "photo.jpg";
+    AppRun run = captureApp(true, {"--seconds", "2", "--photo-after-ms", "800", "--save-photo", photo.string()});
+    ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
+    const nlohmann::json &out = run.out;
+    EXPECT_TRUE(out["error"].is_null()) << out["error"];
+    EXPECT_EQ("Zerlan Camera", out["device"]);
+    EXPECT_EQ(true, out["running"]);
+    EXPECT_EQ(1, out["inputs"]);
+    EXPECT_EQ(3, out["outputs"]);
+    EXPECT_GE(out["videoFrames"].get<long>(), 5) << "the feed polls every ~0.1 s";
+    EXPECT_LE(out["videoFrames"].get<long>(), 22) << "never faster than one frame per 100 ms";
+    EXPECT_EQ(640, out["bufferWidth"]);
+    EXPECT_EQ(480, out["bufferHeight"]);
+    EXPECT_EQ("BGRA", out["pixelFormat"]);
+    EXPECT_EQ(true, out["ptsIncreasing"]);
+    EXPECT_EQ(nlohmann::json::array({"zerlan"}), out["qr"]) << "one delivery per payload, however many frames";
+    EXPECT_EQ(640, out["photoWidth"]);
+    EXPECT_EQ(480, out["photoHeight"]);
+    EXPECT_EQ(true, out["previewHasContents"]);
+    std::string saved = readFile(photo);
+    ASSERT_EQ(out["photoBytes"].get<size_t>(), saved.size());
+    EXPECT_EQ("\xff\xd8", saved.substr(0, 2)) << "the photo's data is the served JPEG";
+}
+
+TEST_F(CaptureAppTest, PayloadChangesThroughTheControlInterfaceArriveInOrder)
+{
+    FrameServer server({"--qr", "first-code"});
+    ASSERT_TRUE(server.waitUntilServing()) << server.log();
+    long before = framesServed();
+    ASSERT_GE(before, 0);
+    auto app = startCaptureApp({"--seconds", "3", "--photo-after-ms", "5000"});
+
+    // Each switch waits until the app has fetched a few frames of the current payload: that many
+    // served frames, and at least the time the client needs for them (one fetch per 100 ms), so
+    // that another client of the port cannot make the wait end early.
+    auto switchAfterFrames = [&](long frames, const char *payload) {
+        long target = framesServed() + frames;
+        auto earliest = Clock::now() + frames * 100ms;
+        EXPECT_TRUE(waitFor([&] { return framesServed() >= target && Clock::now() >= earliest; }, 5s))
+            << "the app stopped fetching";
+        HttpAnswer answer = http("POST", "/control", nlohmann::json{{"qr", payload}}.dump());
+        EXPECT_EQ(200, answer.status) << answer.body;
+    };
+    switchAfterFrames(3, "second-code");
+    switchAfterFrames(3, "first-code");
+    auto earliest = Clock::now() + 300ms;
+    EXPECT_TRUE(waitFor([&] { return framesServed() >= before + 9 && Clock::now() >= earliest; }, 5s));
+
+    AppRun run = app.get();
+    ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
+    EXPECT_EQ(nlohmann::json::array({"first-code", "second-code", "first-code"}), run.out["qr"]);
+    EXPECT_TRUE(run.out["photoBytes"].is_null()) << "no photo was asked for";
+}
+
+TEST_F(CaptureAppTest, PollingSurvivesAServerRestartAndThePhotoIsTheLastFrameKept)
+{
+    // Every frame of an --image server is the same file, so the photo taken while the server is
+    // down can be compared byte for byte with the last frame that reached the app.
+    fs::path image = dir_ / "frame.jpg";
+    {
+        FrameServer pattern({"--qr", "restart"});
+        ASSERT_TRUE(pattern.waitUntilServing()) << pattern.log();
+        HttpAnswer frame = http("GET", "/frame");
+        ASSERT_EQ(200, frame.status);
+        std::ofstream(image, std::ios::binary) << frame.body;
+    }
+    const std::string jpeg = readFile(image);
+    ASSERT_FALSE(jpeg.empty());
+    fs::path photo = dir_ / "photo.jpg";
+
+    auto server = std::make_unique<FrameServer>(std::vector<std::string>{"--image", image.string()});
+    ASSERT_TRUE(server->waitUntilServing()) << server->log();
+    long probe = framesServed();
+    auto launched = Clock::now();
+    auto app = startCaptureApp({"--seconds", "4", "--photo-after-ms", "1500", "--save-photo", photo.string()});
+
+    ASSERT_TRUE(waitFor([&] { return framesServed() >= probe + 5 && Clock::now() >= launched + 500ms; }, 5s))
+        << "the app never fetched";
+    server->stop(SIGKILL);
+    // The client fetches at most one frame per 100 ms, so more frames than this prove that
+    // deliveries resumed after the restart.
+    long mostBeforeKill = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - launched).count() / 100 + 1;
+    ASSERT_NE(200, http("GET", "/frame").status);
+
+    // The photo (1.5 s after launch) is taken while nothing answers; bring the server back well
+    // after it and well before the run ends.
+    ASSERT_TRUE(waitFor([&] { return Clock::now() >= launched + 2500ms; }, 5s));
+    server = std::make_unique<FrameServer>(std::vector<std::string>{"--image", image.string()});
+    ASSERT_TRUE(server->waitUntilServing()) << server->log();
+    long restartProbe = framesServed();
+
+    AppRun run = app.get();
+    long servedAfterRestart = framesServed() - restartProbe;
+    ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
+    EXPECT_GE(servedAfterRestart, 3) << "the client keeps polling through the outage";
+    EXPECT_GT(run.out["videoFrames"].get<long>(), mostBeforeKill + 2) << "frames after the restart reach the app";
+    EXPECT_EQ(nlohmann::json::array({"restart"}), run.out["qr"]) << "the same code after a restart is not news";
+    EXPECT_EQ(jpeg.size(), run.out["photoBytes"].get<size_t>());
+    EXPECT_EQ(jpeg, readFile(photo)) << "the photo is the last good frame, byte for byte";
+    EXPECT_EQ(640, run.out["photoWidth"]);
+}
+
+class ZerlanDemoTest : public CaptureAppTest {};
+
+TEST_F(ZerlanDemoTest, RunsServerAndAppAndLeavesTheResults)
+{
+    fs::path out = dir_ / "demo";
+    ProcessResult demo = runProcess({buildDir() + "/bin/zerlan", "demo", "--seconds", "3", "--out", out.string()});
+    ASSERT_EQ(0, demo.status) << demo.out << demo.err;
+    nlohmann::json result = nlohmann::json::parse(readFile(out / "result.json"), nullptr, false);
+    ASSERT_TRUE(result.is_object()) << readFile(out / "result.json");
+    EXPECT_EQ(nlohmann::json::array({"zerlan", "zerlan-demo-2"}), result["qr"]);
+    EXPECT_GT(result["videoFrames"].get<long>(), 0);
+    std::string photo = readFile(out / "photo.jpg");
+    EXPECT_EQ(result["photoBytes"].get<size_t>(), photo.size());
+    EXPECT_EQ("\xff\xd8", photo.substr(0, 2));
+    EXPECT_NE(std::string::npos, demo.out.find("switched the QR payload to \"zerlan-demo-2\"")) << demo.out;
+    EXPECT_NE(std::string::npos, demo.out.find((out / "photo.jpg").string())) << demo.out;
+    EXPECT_NE(200, http("GET", "/frame").status) << "the demo stops its server";
+}
+
+TEST_F(ZerlanDemoTest, RefusesABusyPort)
+{
+    FrameServer other({});
+    ASSERT_TRUE(other.waitUntilServing()) << other.log();
+    ProcessResult demo = runProcess({buildDir() + "/bin/zerlan", "demo", "--seconds", "1", "--out", (dir_ / "demo").string()});
+    EXPECT_EQ(1, demo.status);
+    EXPECT_NE(std::string::npos,
+              demo.err.find("port 47654 is in use: stop the other frame server (is 'zerlan serve' running?)"))
+        << demo.err;
+    EXPECT_FALSE(fs::exists(dir_ / "demo" / "result.json"));
+}
+
+} // namespace
