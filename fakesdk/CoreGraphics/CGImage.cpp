@@ -70,6 +70,11 @@ void deleteVector(void *info, const void *, size_t)
     delete static_cast<std::vector<uint8_t> *>(info);
 }
 
+void deleteBytes(void *info, const void *, size_t)
+{
+    delete[] static_cast<uint8_t *>(info);
+}
+
 constexpr CGBitmapInfo kDecodedBitmapInfo = kCGBitmapByteOrder32Little | uint32_t(kCGImageAlphaPremultipliedFirst);
 
 bool isAlphaFirst(CGImageAlphaInfo alpha)
@@ -155,15 +160,25 @@ CGImageRef decodeJPEG(const uint8_t *bytes, size_t size)
     if (width <= 0 || height <= 0)
         return nullptr;
     size_t stride = size_t(width) * 4;
-    std::vector<uint8_t> pixels(stride * size_t(height));
-    if (tjDecompress2(handle.get(), bytes, static_cast<unsigned long>(size), pixels.data(), width, int(stride), height,
+    // Every byte is written by the decoder, so the buffer is not cleared first (a frame's worth of
+    // memset is a measurable share of decoding).
+    size_t length = stride * size_t(height);
+    std::unique_ptr<uint8_t[]> pixels(new uint8_t[length]);
+    if (tjDecompress2(handle.get(), bytes, static_cast<unsigned long>(size), pixels.get(), width, int(stride), height,
             TJPF_BGRA, 0)
             != 0
         && tjGetErrorCode(handle.get()) != TJERR_WARNING)
         return nullptr;
     // A warning (typically a truncated scan) still leaves a picture, as ImageIO's lenient decoding
     // does: the missing part stays grey.
-    return createOwnedImage(std::move(pixels), size_t(width), size_t(height), stride, kDecodedBitmapInfo, nullptr);
+    uint8_t *data = pixels.release();
+    CGDataProviderRef provider = CGDataProviderCreateWithData(data, data, length, deleteBytes);
+    CGColorSpaceRef space = CGColorSpaceCreateDeviceRGB();
+    CGImageRef image = CGImageCreate(size_t(width), size_t(height), 8, 32, stride, space, kDecodedBitmapInfo, provider,
+        nullptr, true, kCGRenderingIntentDefault);
+    CGColorSpaceRelease(space);
+    CGDataProviderRelease(provider);
+    return image;
 }
 
 CGImageRef decodePNG(const uint8_t *bytes, size_t size)
@@ -459,6 +474,15 @@ CGDataProviderRef CGImageGetDataProvider(CGImageRef image)
 } // extern "C"
 
 namespace fakecg {
+
+const uint8_t *storedBGRA(CGImageRef image, size_t *bytesPerRow)
+{
+    ImageState *st = imageOf(image);
+    if (!st || st->bitsPerPixel != 32 || st->bitmapInfo != kDecodedBitmapInfo || !st->drawPixels)
+        return nullptr;
+    *bytesPerRow = st->drawStride;
+    return st->drawPixels;
+}
 
 bool copyBGRA(CGImageRef image, std::vector<uint8_t> &pixels)
 {

@@ -223,14 +223,20 @@ id featuresInImageOptions(id self, SEL, id image, id)
     CGImageRef cg = msg<CGImageRef>(image, "CGImage");
     std::vector<uint8_t> pixels;
     std::vector<id> features;
-    if (fakecg::copyBGRA(cg, pixels)) {
+    size_t stride = 0;
+    const uint8_t *bgra = fakecg::storedBGRA(cg, &stride);
+    if (!bgra && fakecg::copyBGRA(cg, pixels)) {
+        bgra = pixels.data();
+        stride = CGImageGetWidth(cg) * 4;
+    }
+    if (bgra) {
         int width = int(CGImageGetWidth(cg)), height = int(CGImageGetHeight(cg));
         DetectorState *st = gDetectorSlot.peek(self);
         ZXing::DecodeHints hints;
         hints.setFormats(ZXing::BarcodeFormat::QRCode);
         hints.setTryHarder(st && st->highAccuracy);
         hints.setTryRotate(true);
-        ZXing::ImageView view(pixels.data(), width, height, ZXing::ImageFormat::BGRX, width * 4);
+        ZXing::ImageView view(bgra, width, height, ZXing::ImageFormat::BGRX, int(stride));
         std::vector<Found> found;
         for (const ZXing::Result &result : ZXing::ReadBarcodes(view, hints)) {
             if (!result.isValid())

@@ -213,7 +213,8 @@ CVReturn CVPixelBufferCreate(CFAllocatorRef, size_t width, size_t height, OSType
         st.bytesPerRow = alignUp(width * bytesPerPixel(pixelFormatType), kRowAlignment);
         st.dataSize = st.bytesPerRow * height;
     }
-    st.memory = static_cast<uint8_t *>(std::calloc(1, st.dataSize));
+    // Not cleared, as on Apple: a new buffer's pixels are whatever the memory held.
+    st.memory = static_cast<uint8_t *>(std::malloc(st.dataSize));
     if (!st.memory) {
         objc_release(obj);
         return kCVReturnAllocationFailed;
