@@ -1,0 +1,116 @@
+// zerlan probe: fetches frames exactly as the injected library does (its own transport code) and
+// reports what came back, so a server can be checked before an app is pointed at it.
+#include <ZXing/ReadBarcode.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "cli/command.h"
+#include "server/image.h"
+#include "transport/FetchJPEG.h"
+
+namespace zerlan::cli {
+
+namespace {
+
+struct ProbeOptions {
+  int count = 1;
+  int intervalMs = 100;
+  int port = transport::kFramePort;
+  std::string save;
+  bool json = false;
+};
+
+struct Decoded {
+  int width = 0;
+  int height = 0;
+  std::optional<std::string> qr;
+};
+
+std::optional<Decoded> decode(const std::string& bytes) {
+  auto image = server::decodeJpeg(bytes);
+  if (!image) return std::nullopt;
+  Decoded out{image->width, image->height, std::nullopt};
+  ZXing::ImageView view(image->pixels.data(), image->width, image->height, ZXing::ImageFormat::RGB);
+  auto result = ZXing::ReadBarcode(view, ZXing::DecodeHints().setFormats(ZXing::BarcodeFormat::QRCode));
+  if (result.isValid()) out.qr = result.text();
+  return out;
+}
+
+int run(const ProbeOptions& options) {
+  using Clock = std::chrono::steady_clock;
+  sockaddr_in endpoint = transport::loopbackEndpoint(static_cast<uint16_t>(options.port));
+  int failures = 0;
+  for (int i = 0; i < options.count; ++i) {
+    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(options.intervalMs));
+    objc::AutoreleasePool pool;
+    auto start = Clock::now();
+    objc::Strong<> frame = transport::fetchJPEG(endpoint);
+    double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    std::string bytes;
+    if (frame) {
+      auto* data = objc::send<const char*>(frame, objc::sel<"bytes">());
+      bytes.assign(data, objc::send<unsigned long>(frame, objc::sel<"length">()));
+    } else {
+      ++failures;
+    }
+    std::optional<Decoded> decoded = frame ? decode(bytes) : std::nullopt;
+    if (frame && !options.save.empty()) {
+      std::ofstream(options.save, std::ios::binary) << bytes;
+    }
+    if (options.json) {
+      nlohmann::json line = {{"frame", static_cast<bool>(frame)},
+                             {"bytes", bytes.size()},
+                             {"ms", std::round(ms * 1000) / 1000},
+                             {"width", decoded ? nlohmann::json(decoded->width) : nullptr},
+                             {"height", decoded ? nlohmann::json(decoded->height) : nullptr},
+                             {"qr", decoded && decoded->qr ? nlohmann::json(*decoded->qr) : nullptr}};
+      std::printf("%s\n", line.dump().c_str());
+    } else if (!frame) {
+      std::printf("fetch %d: no frame from 127.0.0.1:%d after %.1f ms\n", i + 1, options.port, ms);
+    } else {
+      std::printf("fetch %d: %zu bytes in %.1f ms", i + 1, bytes.size(), ms);
+      if (decoded) {
+        std::printf(", %dx%d JPEG", decoded->width, decoded->height);
+        std::printf(decoded->qr ? ", QR \"%s\"" : ", no QR code", decoded->qr ? decoded->qr->c_str() : "");
+      } else {
+        std::printf(", not a decodable JPEG");
+      }
+      std::printf("\n");
+    }
+    std::fflush(stdout);
+  }
+  if (failures > 0 && !options.json) {
+    std::fprintf(stderr,
+                 "zerlan probe: %d of %d fetches got no frame. Is 'zerlan serve' running on port %d?\n",
+                 failures, options.count, options.port);
+  }
+  return failures == 0 ? kExitOk : kExitRuntime;
+}
+
+}  // namespace
+
+Command addProbe(CLI::App& zerlan) {
+  auto options = std::make_shared<ProbeOptions>();
+  CLI::App* app = zerlan.add_subcommand(
+      "probe", "Fetch frames the way the injected library does and report what came back.");
+  app->add_option("--count", options->count, "Number of fetches (default 1)")->check(CLI::Range(1, 1000000));
+  app->add_option("--interval-ms", options->intervalMs, "Pause between fetches in milliseconds (default 100)")
+      ->check(CLI::Range(0, 3600000));
+  app->add_option("--port", options->port, "Frame server port on 127.0.0.1 (default 47654)")
+      ->check(CLI::Range(1, 65535));
+  app->add_option("--save", options->save, "Write the last frame received to this file");
+  app->add_flag("--json", options->json,
+                "One JSON object per fetch: frame, bytes, ms, width, height, qr (null when not decodable)");
+  app->footer("Exit status 0 when every fetch returned a frame, 1 otherwise.");
+  return {app, [options] { return run(*options); }};
+}
+
+}  // namespace zerlan::cli

@@ -1,0 +1,183 @@
+// zerlan serve: runs the frame server until SIGINT or SIGTERM.
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <cmath>
+#include <memory>
+#include <sstream>
+
+#include "cli/command.h"
+#include "server/image.h"
+#include "server/server.h"
+
+namespace zerlan::cli {
+
+namespace {
+
+struct ServeOptions {
+  std::string host = "127.0.0.1";
+  uint16_t port = server::kDefaultPort;
+  std::string image;
+  std::string dir;
+  std::string video;
+  bool stdinStream = false;
+  std::string qr = "zerlan";
+  double fps = 10;
+  std::string size;
+  int quality = 85;
+  double timeout = 5;
+  unsigned threads = 0;
+  CLI::Option* fpsOption = nullptr;
+};
+
+// Many clients at once need many descriptors; the soft limit is often a low 1024.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+int runServe(const ServeOptions& o) {
+  server::FrameSettings settings;
+  settings.qr = o.qr;
+  settings.fps = o.fps;
+  settings.quality = o.quality;
+  if (!o.size.empty()) {
+    auto size = server::parseSize(o.size);
+    if (!size) return usageError("serve", "--size: " + size.error().message);
+    settings.size = *size;
+  }
+
+  server::SourceChoice choice = server::SourceChoice::pattern();
+  if (!o.image.empty()) choice = server::SourceChoice::image(o.image);
+  if (!o.dir.empty()) choice = server::SourceChoice::dir(o.dir);
+  if (!o.video.empty()) choice = server::SourceChoice::video(o.video);
+  if (o.stdinStream) choice = server::SourceChoice::stream(0);
+
+  auto log = server::stderrLogger("zerlan serve: ");
+  if (o.fpsOption->count() > 0 && choice.kind != server::SourceChoice::Kind::Pattern &&
+      choice.kind != server::SourceChoice::Kind::Dir) {
+    log("note: --fps paces the pattern and --dir; this source keeps its own pace");
+  }
+
+  auto source = server::openSource(choice, settings);
+  if (!source) return usageError("serve", source.error().message);
+
+  server::ServerOptions options;
+  options.host = o.host;
+  options.port = o.port;
+  options.threads = o.threads;
+  options.timeout = std::chrono::milliseconds(static_cast<int64_t>(std::llround(o.timeout * 1000)));
+
+  // Signals are taken by sigwait below; every thread the server starts inherits the mask. A
+  // parent may have left them ignored (an ignored signal is discarded, never pending), so the
+  // default disposition comes back first.
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  raiseDescriptorLimit();
+
+  auto started = server::Server::start(options, std::move(source.value()), settings, log);
+  if (!started) {
+    std::cerr << "zerlan serve: " << started.error().message << "\n";
+    return kExitRuntime;
+  }
+  auto& srv = *started.value();
+
+  int signo = 0;
+  sigwait(&stopSignals, &signo);
+  srv.stop();
+  auto t = srv.totals();
+  std::ostringstream summary;
+  summary.precision(1);
+  summary << std::fixed << "stopped (" << (signo == SIGINT ? "SIGINT" : "SIGTERM") << ") after "
+          << t.uptimeSeconds << " s: " << t.framesServed << " frames served, " << t.requests
+          << " requests, " << t.errors << " errors";
+  log(summary.str());
+  return kExitOk;
+}
+
+}  // namespace
+
+Command addServe(CLI::App& zerlan) {
+  auto o = std::make_shared<ServeOptions>();
+  CLI::App* cmd = zerlan.add_subcommand(
+      "serve",
+      "Serve camera frames: GET /frame answers the current JPEG. Without a source option it "
+      "serves an animated test pattern with a QR code. Stop it with Ctrl-C.");
+
+  cmd->add_option("--host", o->host,
+                  "Address to listen on. Anything but a loopback address shows the feed to "
+                  "other machines.")
+      ->capture_default_str();
+  cmd->add_option("--port", o->port,
+                  "Port to listen on; the injected library always uses 47654. 0 picks a free "
+                  "port and prints it in the start line.")
+      ->capture_default_str();
+
+  auto* image = cmd->add_option("--image", o->image,
+                                "Serve one picture: a JPEG byte for byte; PNG and other "
+                                "formats are converted to JPEG once.")
+                    ->type_name("FILE");
+  auto* dir = cmd->add_option("--dir", o->dir,
+                              "Serve the pictures of a folder in name order, one per 1/fps "
+                              "seconds, looping.")
+                  ->type_name("DIR");
+  auto* video =
+      cmd->add_option("--video", o->video, "Play a video file at its own frame rate, looping.")
+          ->type_name("FILE");
+  auto* stream = cmd->add_flag("--stdin", o->stdinStream,
+                               "Serve an MJPEG stream (concatenated JPEGs) read from standard "
+                               "input, each frame replacing the last, for example: ffmpeg -i "
+                               "input.mp4 -f mjpeg - | zerlan serve --stdin");
+  image->excludes(dir)->excludes(video)->excludes(stream);
+  dir->excludes(image)->excludes(video)->excludes(stream);
+  video->excludes(image)->excludes(dir)->excludes(stream);
+  stream->excludes(image)->excludes(dir)->excludes(video);
+
+  cmd->add_option("--qr", o->qr, "Text of the QR code on the test pattern.")->capture_default_str();
+  o->fpsOption =
+      cmd->add_option("--fps", o->fps, "Frames per second of the test pattern and of --dir.")
+          ->capture_default_str()
+          ->check(CLI::Range(0.01, server::kMaxFps));
+  cmd->add_option("--size", o->size,
+                  "Size of generated frames as WIDTHxHEIGHT: the pattern (default 640x480), "
+                  "video frames and converted pictures (default: their own size). JPEG files "
+                  "are served unchanged.")
+      ->type_name("WxH");
+  cmd->add_option("--quality", o->quality, "JPEG quality of generated frames, 1 to 100.")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 100));
+  cmd->add_option("--timeout", o->timeout,
+                  "Seconds a client may take to send its request, or pause while reading the "
+                  "answer, before it is dropped.")
+      ->capture_default_str()
+      ->check(CLI::Range(0.05, 3600.0));
+  cmd->add_option("--threads", o->threads, "Serving threads (default: one per core).")
+      ->check(CLI::Range(1, 64));
+
+  cmd->footer(
+      "Pages: GET /frame (the JPEG), GET / (live view and counters), GET /status (JSON), "
+      "POST /control with JSON: {\"qr\": \"TEXT\"}, {\"source\": \"pattern\"}, "
+      "{\"source\": {\"image\": PATH}}, {\"source\": {\"dir\": PATH}}, "
+      "{\"source\": {\"video\": PATH}}, {\"fps\": N}; relative paths start from the "
+      "folder zerlan serve was started in.\n\n"
+      "Examples:\n"
+      "  zerlan serve                          test pattern with the QR code \"zerlan\"\n"
+      "  zerlan serve --qr 'https://example.com'\n"
+      "  zerlan serve --image photo.png --size 640x480\n"
+      "  zerlan serve --video clip.mp4\n"
+      "  curl -d '{\"qr\": \"next\"}' http://127.0.0.1:47654/control\n\n" +
+      std::string(kExitCodesHelp));
+
+  return Command{cmd, [o] { return runServe(*o); }};
+}
+
+}  // namespace zerlan::cli

@@ -1,0 +1,568 @@
+#include "server/sources.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "server/media.h"
+#include "server/mjpeg.h"
+#include "server/pattern.h"
+
+namespace zerlan::server {
+
+namespace fs = std::filesystem;
+using SteadyClock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr std::array<std::string_view, 9> kImageExtensions = {
+    ".jpg", ".jpeg", ".png", ".bmp", ".gif", ".webp", ".tif", ".tiff", ".ppm"};
+constexpr size_t kMaxFileBytes = 256u << 20;
+constexpr size_t kDirCacheBytes = 256u << 20;
+
+SteadyClock::duration periodOf(double fps) {
+  return std::chrono::duration_cast<SteadyClock::duration>(
+      std::chrono::duration<double>(1.0 / fps));
+}
+
+// Waits for `stop` while letting setting changes pass (a still source has nothing to redo).
+void idleUntilStopped(std::stop_token stop, const LiveSettings& settings) {
+  while (!stop.stop_requested()) {
+    settings.sleepUntil(SteadyClock::now() + std::chrono::hours(1), stop, UINT64_MAX);
+  }
+}
+
+Result<std::string> readFile(const std::string& path) {
+  std::error_code ec;
+  auto status = fs::status(path, ec);
+  if (ec || !fs::exists(status)) return fail(path + " does not exist");
+  if (fs::is_directory(status))
+    return fail(path + " is a folder: use --dir for a folder of images");
+  // A FIFO or device would block the caller for as long as it likes.
+  if (!fs::is_regular_file(status)) return fail(path + " is not a regular file");
+  auto size = fs::file_size(path, ec);
+  if (ec) return fail("cannot read " + path + ": " + ec.message());
+  if (size > kMaxFileBytes) return fail(path + " is larger than 256 MiB");
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return fail("cannot read " + path + ": " + std::strerror(errno));
+  std::string bytes(size, '\0');
+  in.read(bytes.data(), static_cast<std::streamsize>(size));
+  if (static_cast<size_t>(in.gcount()) != size) return fail("cannot read " + path + ": short read");
+  return bytes;
+}
+
+struct Picture {
+  std::string jpeg;
+  Size size;
+  bool transcoded = false;
+};
+
+// A JPEG file is kept byte for byte; anything else FFmpeg can read is encoded once.
+Result<Picture> loadPicture(const std::string& path, const FrameSettings& settings) {
+  auto bytes = readFile(path);
+  if (!bytes) return bytes.error();
+  if (looksLikeJpeg(*bytes)) {
+    auto size = jpegSize(*bytes);
+    if (!size) return fail(path + " is " + size.error().message);
+    return Picture{std::move(bytes.value()), *size, false};
+  }
+  auto image = readPicture(path, settings.size);
+  if (!image) return fail(path + " is not an image that can be read: " + image.error().message);
+  JpegEncoder encoder;
+  auto jpeg = encoder.encode(*image, settings.quality);
+  if (!jpeg) return jpeg.error();
+  return Picture{std::move(jpeg.value()), Size{image->width, image->height}, true};
+}
+
+class PatternSource final : public Source {
+ public:
+  PatternSource(Size size, std::string qr) : size_(size), initialQr_(std::move(qr)) {}
+
+  SourceChoice::Kind kind() const override { return SourceChoice::Kind::Pattern; }
+  std::string description() const override { return "test pattern " + formatSize(size_); }
+
+  void run(std::stop_token stop, SourceContext& ctx) override {
+    PatternRenderer renderer(size_);
+    std::string payload = initialQr_;
+    (void)renderer.setPayload(payload);  // checked by openSource
+    JpegEncoder encoder;
+    auto due = SteadyClock::now();
+    while (!stop.stop_requested()) {
+      auto [settings, version] = ctx.settings.snapshotWithVersion();
+      if (settings.qr != payload) {
+        if (auto set = renderer.setPayload(settings.qr); !set) {
+          ctx.log("cannot draw the new QR payload: " + set.error().message);
+        }
+        payload = settings.qr;
+      }
+      RgbImage image = renderer.render(ctx.store.nextNumber(), std::chrono::system_clock::now());
+      if (auto jpeg = encoder.encode(image, settings.quality)) {
+        ctx.store.publish(*jpeg, image.width, image.height, version);
+      } else {
+        ctx.log(jpeg.error().message);
+      }
+      auto now = SteadyClock::now();
+      due = std::max(due + periodOf(settings.fps), now);
+      if (!ctx.settings.sleepUntil(due, stop, version)) return;
+      // Woken by a change: draw it now and count the next period from here.
+      if (ctx.settings.version() != version) due = SteadyClock::now();
+    }
+  }
+
+ private:
+  Size size_;
+  std::string initialQr_;
+};
+
+class ImageSource final : public Source {
+ public:
+  ImageSource(std::string path, Picture picture)
+      : path_(std::move(path)), picture_(std::move(picture)) {}
+
+  SourceChoice::Kind kind() const override { return SourceChoice::Kind::Image; }
+  std::string description() const override {
+    return "image " + path_ + " (" + formatSize(picture_.size) +
+           (picture_.transcoded ? ", transcoded to JPEG)" : " JPEG, served as is)");
+  }
+
+  void run(std::stop_token stop, SourceContext& ctx) override {
+    ctx.store.publish(picture_.jpeg, picture_.size.width, picture_.size.height,
+                      ctx.settings.version());
+    idleUntilStopped(stop, ctx.settings);
+  }
+
+ private:
+  std::string path_;
+  Picture picture_;
+};
+
+class DirSource final : public Source {
+ public:
+  DirSource(std::string path, std::vector<std::string> files, Picture first, FrameSettings settings)
+      : path_(std::move(path)), files_(std::move(files)), settings_(std::move(settings)) {
+    cache_.resize(files_.size());
+    bad_.resize(files_.size());
+    cached_ = first.jpeg.size();
+    cache_[0] = std::make_shared<const Picture>(std::move(first));
+  }
+
+  SourceChoice::Kind kind() const override { return SourceChoice::Kind::Dir; }
+  std::string description() const override {
+    return "folder " + path_ + " (" + std::to_string(files_.size()) +
+           (files_.size() == 1 ? " image" : " images") + ", in name order, looping)";
+  }
+
+  void run(std::stop_token stop, SourceContext& ctx) override {
+    auto due = SteadyClock::now();
+    size_t index = 0;
+    size_t failuresInARow = 0;
+    while (!stop.stop_requested()) {
+      auto [settings, version] = ctx.settings.snapshotWithVersion();
+      auto picture = load(index, ctx);
+      index = (index + 1) % files_.size();
+      if (!picture) {
+        // Every file failing would otherwise spin without pause.
+        if (++failuresInARow < files_.size()) continue;
+        failuresInARow = 0;
+      } else {
+        failuresInARow = 0;
+        ctx.store.publish(picture->jpeg, picture->size.width, picture->size.height, version);
+      }
+      due = std::max(due + periodOf(settings.fps), SteadyClock::now());
+      uint64_t v = version;
+      // Only a stop ends the wait early: a settings change keeps this picture up until its time.
+      while (SteadyClock::now() < due) {
+        if (!ctx.settings.sleepUntil(due, stop, v)) return;
+        v = ctx.settings.version();
+      }
+    }
+  }
+
+ private:
+  std::shared_ptr<const Picture> load(size_t index, SourceContext& ctx) {
+    if (cache_[index]) return cache_[index];
+    if (bad_[index]) return nullptr;
+    auto picture = loadPicture(files_[index], settings_);
+    if (!picture) {
+      bad_[index] = true;  // reported once, skipped from now on
+      ctx.log("skipping " + picture.error().message);
+      return nullptr;
+    }
+    auto shared = std::make_shared<const Picture>(std::move(picture.value()));
+    if (cached_ + shared->jpeg.size() <= kDirCacheBytes) {
+      cached_ += shared->jpeg.size();
+      cache_[index] = shared;
+    }
+    return shared;
+  }
+
+  std::string path_;
+  std::vector<std::string> files_;
+  FrameSettings settings_;
+  std::vector<std::shared_ptr<const Picture>> cache_;
+  std::vector<bool> bad_;
+  size_t cached_ = 0;
+};
+
+class VideoSource final : public Source {
+ public:
+  VideoSource(std::string path, std::unique_ptr<MediaReader> reader, MediaFrame first,
+              std::optional<Size> size)
+      : path_(std::move(path)), reader_(std::move(reader)), first_(std::move(first)), size_(size) {
+    double rate = reader_->frameRate();
+    interval_ = rate > 0 && rate <= 1000 ? 1.0 / rate : 1.0 / 25;
+    // Fixed now: the producer thread replaces reader_ when it reopens the file.
+    std::ostringstream out;
+    Size native = reader_->size();
+    out << "video " << path_ << " (" << reader_->codecName() << " " << formatSize(native);
+    out.precision(4);
+    if (rate > 0) out << " at " << rate << " fps";
+    if (size_ && !(*size_ == native)) out << ", scaled to " << formatSize(*size_);
+    out << ", looping)";
+    description_ = out.str();
+  }
+
+  SourceChoice::Kind kind() const override { return SourceChoice::Kind::Video; }
+  std::string description() const override { return description_; }
+
+  void run(std::stop_token stop, SourceContext& ctx) override {
+    JpegEncoder encoder;
+    std::optional<MediaFrame> frame = std::move(first_);
+    first_ = {};
+    // Presentation times map onto the steady clock from the first frame of each loop.
+    auto loopStart = SteadyClock::now();
+    double loopFirstPts = std::nan("");
+    double lastPts = std::nan("");
+    auto lastDue = loopStart;
+    bool firstOfLoop = true;
+    while (!stop.stop_requested()) {
+      auto [settings, version] = ctx.settings.snapshotWithVersion();
+      auto jpeg = encoder.encode(frame->image, settings.quality);
+
+      SteadyClock::time_point due;
+      double pts = frame->seconds;
+      if (firstOfLoop) {
+        due = loopStart;
+        loopFirstPts = pts;
+        firstOfLoop = false;
+      } else if (!std::isnan(pts) && !std::isnan(loopFirstPts) && pts > lastPts) {
+        due = loopStart + std::chrono::duration_cast<SteadyClock::duration>(
+                              std::chrono::duration<double>(pts - loopFirstPts));
+      } else {
+        due = lastDue + std::chrono::duration_cast<SteadyClock::duration>(
+                            std::chrono::duration<double>(interval_));
+      }
+      auto now = SteadyClock::now();
+      if (due + std::chrono::seconds(1) < now) {
+        // Decoding fell far behind (a slow machine, a huge video): drop the debt, not frames.
+        loopStart += now - due;
+        due = now;
+      }
+      uint64_t v = version;
+      while (SteadyClock::now() < due) {
+        if (!ctx.settings.sleepUntil(due, stop, v)) return;
+        v = ctx.settings.version();
+      }
+      if (jpeg) {
+        ctx.store.publish(*jpeg, frame->image.width, frame->image.height, version);
+      } else {
+        ctx.log(jpeg.error().message);
+      }
+      lastDue = due;
+      lastPts = pts;
+
+      frame = nextFrame(ctx);
+      if (!frame) {
+        idleUntilStopped(stop, ctx.settings);
+        return;
+      }
+      if (restarted_) {
+        restarted_ = false;
+        firstOfLoop = true;
+        loopStart = lastDue + std::chrono::duration_cast<SteadyClock::duration>(
+                                  std::chrono::duration<double>(interval_));
+      }
+    }
+  }
+
+ private:
+  std::optional<MediaFrame> nextFrame(SourceContext& ctx) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      auto frame = reader_->next(size_);
+      if (frame && frame->has_value()) return std::move(frame->value());
+      if (!frame) ctx.log(frame.error().message + "; starting the video again");
+      restarted_ = true;
+      if (auto rewound = reader_->rewind(); !rewound) {
+        auto reopened = MediaReader::open(path_);
+        if (!reopened) {
+          ctx.log(rewound.error().message + "; keeping the last frame");
+          return std::nullopt;
+        }
+        reader_ = std::move(reopened.value());
+      }
+    }
+    ctx.log(path_ + " stopped giving frames; keeping the last frame");
+    return std::nullopt;
+  }
+
+  std::string path_;
+  std::unique_ptr<MediaReader> reader_;
+  std::optional<MediaFrame> first_;
+  std::optional<Size> size_;
+  double interval_ = 1.0 / 25;
+  bool restarted_ = false;
+  std::string description_;
+};
+
+class StreamSource final : public Source {
+ public:
+  explicit StreamSource(int fd) : fd_(fd) {}
+
+  SourceChoice::Kind kind() const override { return SourceChoice::Kind::Stdin; }
+  std::string description() const override {
+    return fd_ == STDIN_FILENO ? "MJPEG stream on standard input"
+                               : "MJPEG stream on file descriptor " + std::to_string(fd_);
+  }
+
+  void run(std::stop_token stop, SourceContext& ctx) override {
+    int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake < 0) {
+      ctx.log(std::string("cannot read the MJPEG stream: eventfd: ") + std::strerror(errno));
+      return;
+    }
+    {
+      // Destroyed before the close below: it waits for a callback that is writing to `wake`.
+      std::stop_callback onStop(stop, [wake] {
+        uint64_t one = 1;
+        (void)!::write(wake, &one, sizeof one);
+      });
+      MjpegSplitter splitter;
+      std::vector<char> buffer(1 << 16);
+      uint64_t received = 0;
+      int badReported = 0;
+      while (!stop.stop_requested()) {
+        pollfd fds[2] = {{fd_, POLLIN, 0}, {wake, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+          if (errno == EINTR) continue;
+          ctx.log(std::string("cannot read the MJPEG stream: ") + std::strerror(errno));
+          break;
+        }
+        if (fds[1].revents) break;
+        ssize_t n = ::read(fd_, buffer.data(), buffer.size());
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n <= 0) {
+          ctx.log(n == 0 ? (received ? "the MJPEG stream ended; keeping the last frame"
+                                     : "the MJPEG stream ended before a complete JPEG arrived")
+                         : std::string("cannot read the MJPEG stream: ") + std::strerror(errno));
+          idleUntilStopped(stop, ctx.settings);
+          break;
+        }
+        auto images = splitter.feed(std::string_view(buffer.data(), static_cast<size_t>(n)));
+        // Only the newest image of a batch matters: each one replaces the one before.
+        for (auto it = images.rbegin(); it != images.rend(); ++it) {
+          auto size = jpegSize(*it);
+          if (!size) {
+            if (badReported++ < 5)
+              ctx.log("skipping a frame of the MJPEG stream: " + size.error().message);
+            continue;
+          }
+          ++received;
+          ctx.store.publish(*it, size->width, size->height, ctx.settings.version());
+          break;
+        }
+      }
+    }
+    ::close(wake);
+  }
+
+ private:
+  int fd_;
+};
+
+Result<std::unique_ptr<Source>> openPattern(const FrameSettings& settings) {
+  Size size = settings.size.value_or(kPatternSize);
+  if (auto fits = checkQrPayload(settings.qr, size); !fits) return fits.error();
+  return std::unique_ptr<Source>(new PatternSource(size, settings.qr));
+}
+
+Result<std::unique_ptr<Source>> openImage(const std::string& path, const FrameSettings& settings) {
+  auto picture = loadPicture(path, settings);
+  if (!picture) return picture.error();
+  return std::unique_ptr<Source>(new ImageSource(path, std::move(picture.value())));
+}
+
+Result<std::unique_ptr<Source>> openDir(const std::string& path, const FrameSettings& settings) {
+  std::error_code ec;
+  if (!fs::exists(path, ec)) return fail("folder " + path + " does not exist");
+  if (!fs::is_directory(path, ec)) {
+    return fail(path + " is not a folder: use --image for a single picture");
+  }
+  std::vector<std::string> files;
+  fs::directory_iterator it(path, ec), end;
+  if (ec) return fail("cannot list folder " + path + ": " + ec.message());
+  for (; it != end; it.increment(ec)) {
+    if (ec) return fail("cannot list folder " + path + ": " + ec.message());
+    if (!it->is_regular_file(ec)) continue;
+    std::string ext = it->path().extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    if (std::find(kImageExtensions.begin(), kImageExtensions.end(), ext) == kImageExtensions.end())
+      continue;
+    if (it->path().filename().string().starts_with(".")) continue;  // editor and Finder droppings
+    files.push_back(it->path().string());
+  }
+  if (files.empty()) {
+    return fail("folder " + path +
+                " has no images (looked for .jpg, .jpeg, .png, .bmp, .gif, .webp, .tif, .ppm)");
+  }
+  std::sort(files.begin(), files.end());
+  auto first = loadPicture(files.front(), settings);
+  if (!first) return first.error();
+  return std::unique_ptr<Source>(
+      new DirSource(path, std::move(files), std::move(first.value()), settings));
+}
+
+Result<std::unique_ptr<Source>> openVideo(const std::string& path, const FrameSettings& settings) {
+  std::error_code ec;
+  auto status = fs::status(path, ec);
+  if (ec || !fs::exists(status)) return fail(path + " does not exist");
+  if (!fs::is_regular_file(status)) return fail(path + " is not a regular file");
+  auto reader = MediaReader::open(path);
+  if (!reader) return reader.error();
+  auto first = (*reader)->next(settings.size);
+  if (!first) return first.error();
+  if (!first->has_value()) return fail(path + " has no video frames");
+  return std::unique_ptr<Source>(
+      new VideoSource(path, std::move(reader.value()), std::move(first->value()), settings.size));
+}
+
+Result<std::unique_ptr<Source>> openStream(int fd) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return fail("standard input is closed: pipe an MJPEG stream into it");
+  if (::isatty(fd)) {
+    return fail(
+        "standard input is a terminal: pipe an MJPEG stream into it, for example "
+        "ffmpeg -i input.mp4 -f mjpeg - | zerlan serve --stdin");
+  }
+  return std::unique_ptr<Source>(new StreamSource(fd));
+}
+
+}  // namespace
+
+std::string_view kindName(SourceChoice::Kind kind) {
+  switch (kind) {
+    case SourceChoice::Kind::Pattern:
+      return "pattern";
+    case SourceChoice::Kind::Image:
+      return "image";
+    case SourceChoice::Kind::Dir:
+      return "dir";
+    case SourceChoice::Kind::Video:
+      return "video";
+    case SourceChoice::Kind::Stdin:
+      return "stdin";
+  }
+  return "unknown";
+}
+
+FrameSettings LiveSettings::snapshot() const {
+  std::lock_guard lock(mu_);
+  return settings_;
+}
+
+uint64_t LiveSettings::version() const {
+  std::lock_guard lock(mu_);
+  return version_;
+}
+
+std::pair<FrameSettings, uint64_t> LiveSettings::snapshotWithVersion() const {
+  std::lock_guard lock(mu_);
+  return {settings_, version_};
+}
+
+bool LiveSettings::sleepUntil(SteadyClock::time_point until, std::stop_token stop,
+                              uint64_t seen) const {
+  std::unique_lock lock(mu_);
+  cv_.wait_until(lock, stop, until, [&] { return version_ > seen; });
+  return !stop.stop_requested();
+}
+
+Result<std::unique_ptr<Source>> openSource(const SourceChoice& choice,
+                                           const FrameSettings& settings) {
+  switch (choice.kind) {
+    case SourceChoice::Kind::Pattern:
+      return openPattern(settings);
+    case SourceChoice::Kind::Image:
+      return openImage(choice.path, settings);
+    case SourceChoice::Kind::Dir:
+      return openDir(choice.path, settings);
+    case SourceChoice::Kind::Video:
+      return openVideo(choice.path, settings);
+    case SourceChoice::Kind::Stdin:
+      return openStream(choice.fd);
+  }
+  return fail("unknown source kind");
+}
+
+Producer::Producer(FrameStore& store, LiveSettings& settings, Logger log)
+    : store_(store), settings_(settings), log_(std::move(log)) {}
+
+Producer::~Producer() { stop(); }
+
+uint64_t Producer::start(std::unique_ptr<Source> source) {
+  std::lock_guard lifecycle(lifecycleMu_);
+  std::unique_ptr<Source> old;
+  {
+    std::lock_guard lock(mu_);
+    old = std::move(source_);
+    source_ = std::move(source);
+  }
+  if (thread_.joinable()) {
+    thread_.request_stop();
+    thread_.join();
+  }
+  old.reset();
+  Source* running = nullptr;
+  {
+    std::lock_guard lock(mu_);
+    running = source_.get();
+  }
+  uint64_t last = store_.nextNumber() - 1;
+  thread_ = std::jthread([this, running](std::stop_token stop) {
+    SourceContext context{store_, settings_, log_};
+    running->run(stop, context);
+  });
+  return last;
+}
+
+void Producer::stop() {
+  std::lock_guard lifecycle(lifecycleMu_);
+  if (thread_.joinable()) {
+    thread_.request_stop();
+    thread_.join();
+  }
+}
+
+std::string Producer::description() const {
+  std::lock_guard lock(mu_);
+  return source_ ? source_->description() : "none";
+}
+
+std::optional<SourceChoice::Kind> Producer::kind() const {
+  std::lock_guard lock(mu_);
+  if (!source_) return std::nullopt;
+  return source_->kind();
+}
+
+}  // namespace zerlan::server

@@ -1,0 +1,130 @@
+// Frame sources and the producer thread that runs one of them at a time.
+//
+// A source is opened (and checked) on the caller's thread, so a bad file is reported before
+// anything changes; it then runs on the producer thread, publishing encoded frames to the
+// FrameStore, until it is stopped.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+#include "server/frame_store.h"
+#include "server/image.h"
+#include "server/log.h"
+#include "server/result.h"
+
+namespace zerlan::server {
+
+inline constexpr double kMaxFps = 120;
+
+struct FrameSettings {
+  std::optional<Size> size;  // generated frames; none: the pattern is 640x480, files keep theirs
+  int quality = 85;          // JPEG quality of generated frames, 1..100
+  double fps = 10;           // pattern and folder frame rate
+  std::string qr = "zerlan";
+};
+
+// Settings that change while a source runs (QR payload, frame rate). Every change bumps the
+// version and wakes a source waiting in sleepUntil, so the change shows in the next frame.
+class LiveSettings {
+ public:
+  explicit LiveSettings(FrameSettings initial) : settings_(std::move(initial)) {}
+
+  FrameSettings snapshot() const;
+  uint64_t version() const;
+  std::pair<FrameSettings, uint64_t> snapshotWithVersion() const;
+
+  // Applies `change` to the settings under the lock; returns the new version.
+  template <class F>
+  uint64_t update(F&& change) {
+    uint64_t v;
+    {
+      std::lock_guard lock(mu_);
+      change(settings_);
+      v = ++version_;
+    }
+    cv_.notify_all();
+    return v;
+  }
+
+  // Sleeps until `until`; returns early when the version moves past `seen`. Returns false when
+  // `stop` was requested.
+  bool sleepUntil(std::chrono::steady_clock::time_point until, std::stop_token stop,
+                  uint64_t seen) const;
+
+ private:
+  mutable std::mutex mu_;
+  mutable std::condition_variable_any cv_;
+  FrameSettings settings_;
+  uint64_t version_ = 1;
+};
+
+struct SourceChoice {
+  enum class Kind { Pattern, Image, Dir, Video, Stdin };
+  Kind kind = Kind::Pattern;
+  std::string path;  // Image, Dir, Video
+  int fd = 0;        // Stdin: the stream to read (standard input unless a test says otherwise)
+
+  static SourceChoice pattern() { return {}; }
+  static SourceChoice image(std::string p) { return {Kind::Image, std::move(p), 0}; }
+  static SourceChoice dir(std::string p) { return {Kind::Dir, std::move(p), 0}; }
+  static SourceChoice video(std::string p) { return {Kind::Video, std::move(p), 0}; }
+  static SourceChoice stream(int fd) { return {Kind::Stdin, {}, fd}; }
+};
+
+std::string_view kindName(SourceChoice::Kind kind);
+
+// What a running source needs from the producer.
+struct SourceContext {
+  FrameStore& store;
+  const LiveSettings& settings;
+  const Logger& log;
+};
+
+class Source {
+ public:
+  virtual ~Source() = default;
+  virtual SourceChoice::Kind kind() const = 0;
+  // One human-readable line, for the start line, the log and /status.
+  virtual std::string description() const = 0;
+  // Runs on the producer thread until `stop` is requested.
+  virtual void run(std::stop_token stop, SourceContext& context) = 0;
+};
+
+// Opens and checks a source: the file exists and decodes, the folder has images, the pattern's
+// QR payload fits. Reads files but publishes nothing.
+Result<std::unique_ptr<Source>> openSource(const SourceChoice& choice,
+                                           const FrameSettings& settings);
+
+// Owns the producer thread and the source it runs.
+class Producer {
+ public:
+  Producer(FrameStore& store, LiveSettings& settings, Logger log);
+  ~Producer();
+  Producer(const Producer&) = delete;
+  Producer& operator=(const Producer&) = delete;
+
+  // Stops the running source (waiting for its thread) and starts `source`. Returns the number
+  // of the last frame published before `source` started: every later frame is its own.
+  uint64_t start(std::unique_ptr<Source> source);
+  void stop();
+
+  std::string description() const;
+  std::optional<SourceChoice::Kind> kind() const;
+
+ private:
+  FrameStore& store_;
+  LiveSettings& settings_;
+  Logger log_;
+  std::mutex lifecycleMu_;  // start and stop, one at a time
+  mutable std::mutex mu_;   // source_, for readers on other threads
+  std::unique_ptr<Source> source_;
+  std::jthread thread_;
+};
+
+}  // namespace zerlan::server

@@ -1,0 +1,98 @@
+#include "server/status_page.h"
+
+namespace zerlan::server {
+
+std::string_view statusPageHtml() {
+  return R"html(<!doctype html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<title>zerlan serve</title>
+<link rel="icon" href="data:,">
+<style>
+  body { font: 14px/1.4 system-ui, sans-serif; margin: 24px; color: #222; background: #fafafa; }
+  h1 { font-size: 18px; margin: 0 0 16px; }
+  main { display: flex; gap: 24px; flex-wrap: wrap; align-items: flex-start; }
+  #feed { background: #000; max-width: 100%; border-radius: 4px; min-width: 320px; min-height: 240px; }
+  table { border-collapse: collapse; }
+  th { text-align: left; font-weight: 600; padding: 3px 16px 3px 0; vertical-align: top; }
+  td { font-family: ui-monospace, monospace; padding: 3px 0; max-width: 420px; overflow-wrap: anywhere; }
+  form { margin-top: 16px; }
+  #message { color: #a00; margin-top: 8px; min-height: 1.4em; }
+  code { background: #eee; padding: 1px 4px; border-radius: 3px; }
+</style>
+</head>
+<body>
+<h1>zerlan serve</h1>
+<main>
+  <img id="feed" alt="live feed from /frame">
+  <section>
+    <table>
+      <tr><th>Source</th><td id="source">…</td></tr>
+      <tr><th>QR payload</th><td id="qr">…</td></tr>
+      <tr><th>Frame</th><td id="frame">…</td></tr>
+      <tr><th>Size</th><td id="size">…</td></tr>
+      <tr><th>Frames served</th><td id="frames_served">…</td></tr>
+      <tr><th>Requests</th><td id="requests">…</td></tr>
+      <tr><th>Requests/s</th><td id="rps">…</td></tr>
+      <tr><th>Clients</th><td id="clients">…</td></tr>
+      <tr><th>Errors</th><td id="errors">…</td></tr>
+      <tr><th>Uptime</th><td id="uptime">…</td></tr>
+    </table>
+    <form id="qrform">
+      <label>New QR payload <input id="qrtext" size="24"></label>
+      <button>Set</button>
+    </form>
+    <div id="message"></div>
+    <p>Frames: <code>GET /frame</code> · figures: <code>GET /status</code> ·
+       switch: <code>POST /control</code> with <code>{"qr": "text"}</code> or
+       <code>{"source": {"image": "/path/photo.jpg"}}</code></p>
+  </section>
+</main>
+<script>
+const $ = (id) => document.getElementById(id);
+let n = 0;
+const feed = $("feed");
+function nextFrame() { feed.src = "/frame?n=" + (n++); }
+// Chain loads instead of a timer, so a slow connection never piles up requests.
+feed.onload = () => setTimeout(nextFrame, 100);
+feed.onerror = () => setTimeout(nextFrame, 1000);
+nextFrame();
+
+function show(s) {
+  $("source").textContent = s.source;
+  $("qr").textContent = s.qr;
+  $("frame").textContent = s.frame;
+  $("size").textContent = s.width + "×" + s.height + ", " + s.bytes + " bytes";
+  $("frames_served").textContent = s.frames_served;
+  $("requests").textContent = s.requests;
+  $("rps").textContent = s.requests_per_second.toFixed(1);
+  $("clients").textContent = s.clients;
+  $("errors").textContent = s.errors;
+  $("uptime").textContent = s.uptime_seconds.toFixed(0) + " s";
+}
+async function poll() {
+  try {
+    const r = await fetch("/status", { cache: "no-store" });
+    show(await r.json());
+    $("message").textContent = "";
+  } catch (e) {
+    $("message").textContent = "the server does not answer: is zerlan serve still running?";
+  }
+  setTimeout(poll, 1000);
+}
+poll();
+
+$("qrform").onsubmit = async (ev) => {
+  ev.preventDefault();
+  const r = await fetch("/control", { method: "POST", body: JSON.stringify({ qr: $("qrtext").value }) });
+  const body = await r.json();
+  if (r.ok) show(body); else $("message").textContent = body.error;
+};
+</script>
+</body>
+</html>
+)html";
+}
+
+}  // namespace zerlan::server

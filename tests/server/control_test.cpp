@@ -1,0 +1,153 @@
+// POST /control: changes that show in the very next frame, source switches while clients
+// fetch, and bad requests that change nothing.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <nlohmann/json.hpp>
+
+#include "support.h"
+
+namespace zerlan::test {
+namespace {
+
+using nlohmann::json;
+using server::SourceChoice;
+
+json postControl(uint16_t port, const std::string& body, int expectStatus) {
+  Reply r = post(port, "/control", body);
+  EXPECT_EQ(r.status, expectStatus) << body << " -> " << r.body;
+  EXPECT_EQ(r.headers["content-type"], "application/json") << body;
+  return json::parse(r.body, nullptr, false);
+}
+
+TEST(Control, QrChangeShowsInTheNextFrame) {
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  for (const std::string qr : {"second", "third payload", "zerlan://scan/4"}) {
+    json status = postControl(s.port(), json{{"qr", qr}}.dump(), 200);
+    EXPECT_EQ(status["qr"], qr);
+    EXPECT_EQ(readQr(get(s.port(), "/frame").body), qr) << "right after the answer";
+    EXPECT_TRUE(s.log->contains("QR payload changed to \"" + qr + "\""));
+  }
+  json fps = postControl(s.port(), R"({"fps": 50})", 200);
+  EXPECT_EQ(fps["fps"], 50);
+  EXPECT_TRUE(s.log->contains("frame rate changed to 50 fps"));
+}
+
+TEST(Control, SourceSwitchesWhileClientsFetch) {
+  TempDir dir;
+  const std::string photo = solidJpeg(200, 100, {0, 0, 255});
+  const std::string photoPath = dir.write("photo.jpg", photo);
+  std::filesystem::create_directory(dir.file("shots"));
+  dir.write("shots/1.jpg", solidJpeg(64, 48, {255, 0, 0}));
+  dir.write("shots/2.jpg", solidJpeg(64, 48, {0, 255, 0}));
+  const std::string video = makeVideo(dir, "clip.mp4", {{255, 0, 0}, {0, 0, 255}}, 10, 96, 64);
+
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  std::atomic<bool> done{false};
+  std::atomic<int> fetched{0}, broken{0};
+  std::thread client([&] {
+    while (!done) {
+      Reply r = get(s.port(), "/frame");
+      if (r.status == 200 && server::decodeJpeg(r.body).ok()) {
+        ++fetched;
+      } else {
+        ++broken;
+      }
+    }
+  });
+
+  struct Step {
+    std::string body;
+    std::string kind;
+  };
+  const Step steps[] = {
+      {json{{"source", {{"image", photoPath}}}}.dump(), "image"},
+      {json{{"source", {{"dir", dir.file("shots")}}}}.dump(), "dir"},
+      {json{{"source", {{"video", video}}}}.dump(), "video"},
+      {R"({"source": "pattern", "qr": "back again"})", "pattern"},
+  };
+  for (const Step& step : steps) {
+    uint64_t before = s.server->frames().current()->number;
+    json status = postControl(s.port(), step.body, 200);
+    EXPECT_EQ(status["source_kind"], step.kind);
+    EXPECT_GT(status["frame"].get<uint64_t>(), before) << "the answer names the new source's frame";
+    Reply r = get(s.port(), "/frame");
+    if (step.kind == "image") EXPECT_EQ(r.body, photo);
+    if (step.kind == "dir") EXPECT_EQ(jpegSizeOf(r.body), (server::Size{64, 48}));
+    if (step.kind == "video") EXPECT_EQ(jpegSizeOf(r.body), (server::Size{96, 64}));
+    if (step.kind == "pattern") EXPECT_EQ(readQr(r.body), "back again");
+  }
+  done = true;
+  client.join();
+  EXPECT_GT(fetched.load(), 0);
+  EXPECT_EQ(broken.load(), 0) << "every fetch during the switches got a whole JPEG";
+  EXPECT_EQ(s.log->count("source changed to "), std::size(steps));
+}
+
+TEST(Control, BadRequestsChangeNothing) {
+  TempDir dir;
+  const std::string text = dir.write("notes.txt", "words");
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  ASSERT_TRUE(post(s.port(), "/control", R"({"qr": "keep me"})").status == 200);
+
+  struct Case {
+    std::string body;
+    std::string says;
+  };
+  const Case cases[] = {
+      {"not json", "not valid JSON"},
+      {"", "empty"},
+      {"[1, 2]", "must be a JSON object"},
+      {"{}", "must be a JSON object"},
+      {R"({"qr": 5})", "\"qr\" must be a string"},
+      {R"({"qr": ""})", "QR payload is empty"},
+      {json{{"qr", std::string(5000, 'z')}}.dump(), "too long for a QR code"},
+      {R"({"fps": 0})", "\"fps\" must be more than 0"},
+      {R"({"fps": 121})", "at most 120"},
+      {R"({"fps": "fast"})", "\"fps\" must be a number"},
+      {R"({"volume": 11})", "unknown key \"volume\""},
+      {R"({"source": "stdin"})", "only be chosen when the server starts"},
+      {R"({"source": "webcam"})", "unknown source \"webcam\""},
+      {R"({"source": {"image": 3}})", "must be a file path"},
+      {R"({"source": {"image": "a", "dir": "b"}})", "bad \"source\""},
+      {json{{"source", {{"image", dir.file("missing.jpg")}}}}.dump(), "missing.jpg does not exist"},
+      {json{{"source", {{"video", text}}}}.dump(), text},
+      {json{{"source", {{"dir", text}}}}.dump(), "is not a folder"},
+      // Applied whole or not at all: the good half must not stick.
+      {json{{"qr", "half"}, {"source", {{"image", dir.file("nope.png")}}}}.dump(), "nope.png"},
+  };
+  for (const Case& c : cases) {
+    json reply = postControl(s.port(), c.body, 400);
+    ASSERT_TRUE(reply.contains("error")) << c.body;
+    EXPECT_NE(reply["error"].get<std::string>().find(c.says), std::string::npos)
+        << "wanted \"" << c.says << "\" in: " << reply["error"];
+  }
+  json status = s.server->status();
+  EXPECT_EQ(status["source_kind"], "pattern");
+  EXPECT_EQ(status["qr"], "keep me");
+  EXPECT_EQ(status["fps"], 10);
+  EXPECT_EQ(status["errors"], std::size(cases));
+  uint64_t now = status["frame"];
+  auto next = s.server->frames().waitNewer(now, in(5s));
+  ASSERT_TRUE(next) << "the old source keeps running";
+  EXPECT_EQ(readQr(next->jpeg()), "keep me");
+  EXPECT_EQ(s.log->count("source changed"), 0u);
+}
+
+TEST(Control, ApiAnswersLikeHttp) {
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  auto ok = s.server->control(json{{"qr", "from the api"}});
+  ASSERT_TRUE(ok) << ok.error().message;
+  EXPECT_EQ((*ok)["qr"], "from the api");
+  EXPECT_EQ(readQr(get(s.port(), "/frame").body), "from the api");
+  auto bad = s.server->control(json{{"fps", -1}});
+  ASSERT_FALSE(bad);
+  EXPECT_NE(bad.error().message.find("fps"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zerlan::test

@@ -1,0 +1,266 @@
+// Each kind of source, seen through a running server: what the frames show, their size and
+// bytes, their order, and how bad files are refused.
+#include "server/sources.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "support.h"
+
+namespace zerlan::test {
+namespace {
+
+using server::Frame;
+using server::FrameSettings;
+using server::Size;
+using server::SourceChoice;
+
+const Rgb kRed{255, 0, 0}, kGreen{0, 255, 0}, kBlue{0, 0, 255}, kWhite{255, 255, 255};
+
+// The next `count` frames the server publishes, in order.
+std::vector<std::shared_ptr<const Frame>> collect(const server::Server& s, size_t count,
+                                                  Clock::duration limit = 10s) {
+  std::vector<std::shared_ptr<const Frame>> frames;
+  auto deadline = in(limit);
+  uint64_t last = s.frames().current() ? s.frames().current()->number : 0;
+  while (frames.size() < count) {
+    auto f = s.frames().waitNewer(last, deadline);
+    if (!f) {
+      ADD_FAILURE() << "only " << frames.size() << " of " << count << " frames arrived";
+      break;
+    }
+    last = f->number;
+    frames.push_back(std::move(f));
+  }
+  return frames;
+}
+
+// Frames may be missed when the test thread is slow, but never reordered: the colour of frame
+// n must be palette[(start + n - n0) % size] for one start.
+void expectCycle(const std::vector<std::shared_ptr<const Frame>>& frames,
+                 const std::vector<Rgb>& palette) {
+  ASSERT_FALSE(frames.empty());
+  const uint64_t n0 = frames[0]->number;
+  const size_t start = nearest(centreColour(frames[0]->jpeg()), palette);
+  std::set<size_t> seen;
+  for (const auto& f : frames) {
+    size_t want = (start + (f->number - n0)) % palette.size();
+    size_t got = nearest(centreColour(f->jpeg()), palette);
+    EXPECT_EQ(got, want) << "frame " << f->number;
+    seen.insert(got);
+  }
+  EXPECT_EQ(seen.size(), palette.size()) << "every picture shows up";
+  EXPECT_GE(frames.back()->number - n0 + 1, palette.size() + 1) << "and the sequence wraps";
+}
+
+// Frames keep their pace: between any two, at least the time their numbers say. Only a lower
+// bound, which a loaded machine cannot break (it can only make frames later).
+void expectPaced(const std::vector<std::shared_ptr<const Frame>>& frames, double fps) {
+  ASSERT_GE(frames.size(), 2u);
+  const auto period = std::chrono::duration<double>(1.0 / fps);
+  for (size_t i = 1; i < frames.size(); ++i) {
+    auto gap = frames[i]->published - frames[0]->published;
+    auto least = period * static_cast<double>(frames[i]->number - frames[0]->number) * 0.9;
+    EXPECT_GE(gap, least) << "frame " << frames[i]->number << " came too soon";
+  }
+}
+
+TEST(Sources, PatternShowsItsQrPayloadAndMoves) {
+  FrameSettings settings;
+  settings.qr = "hello from zerlan";
+  settings.fps = 30;
+  auto s = startServer(SourceChoice::pattern(), settings);
+  ASSERT_TRUE(s.server);
+  Reply r = get(s.port(), "/frame");
+  ASSERT_EQ(r.status, 200);
+  EXPECT_EQ(jpegSizeOf(r.body), (Size{640, 480}));
+  EXPECT_EQ(readQr(r.body), "hello from zerlan");
+
+  auto frames = collect(*s.server, 4);
+  ASSERT_EQ(frames.size(), 4u);
+  EXPECT_NE(frames[0]->jpeg(), frames[1]->jpeg()) << "the pattern is animated";
+  EXPECT_EQ(readQr(frames[3]->jpeg()), "hello from zerlan") << "on every frame";
+  expectPaced(frames, 30);
+}
+
+TEST(Sources, PatternSizesAndLongPayloads) {
+  struct Case {
+    Size size;
+    std::string qr;
+  };
+  const Case cases[] = {
+      {{320, 240}, "small frame"},
+      {{1280, 720}, "wide frame"},
+      {{640, 480}, std::string(600, 'x') + "end"},
+      {{480, 640}, "https://example.com/some/path?query=1&more=2"},
+  };
+  for (const Case& c : cases) {
+    FrameSettings settings;
+    settings.size = c.size;
+    settings.qr = c.qr;
+    auto source = server::openSource(SourceChoice::pattern(), settings);
+    ASSERT_TRUE(source) << source.error().message;
+    server::FrameStore store;
+    server::LiveSettings live(settings);
+    server::Producer producer(store, live, [](const std::string&) {});
+    producer.start(std::move(source.value()));
+    auto frame = store.waitNewer(0, in(5s));
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(jpegSizeOf(frame->jpeg()), c.size);
+    EXPECT_EQ(readQr(frame->jpeg()), c.qr) << server::formatSize(c.size);
+  }
+}
+
+TEST(Sources, PicturesAreServedAsIsOrTranscodedOnce) {
+  TempDir dir;
+  const std::string jpeg = solidJpeg(120, 90, kBlue);
+  const std::string jpegPath = dir.write("photo.jpg", jpeg);
+  const std::string pngPath = makePng(dir, "photo.png", 100, 80, kGreen);
+  // A JPEG behind a misleading name is still a JPEG; decisions go by content.
+  const std::string disguised = dir.write("photo.png.bin", jpeg);
+
+  {
+    auto s = startServer(SourceChoice::image(jpegPath));
+    ASSERT_TRUE(s.server);
+    EXPECT_EQ(get(s.port(), "/frame").body, jpeg);
+  }
+  {
+    auto s = startServer(SourceChoice::image(disguised));
+    ASSERT_TRUE(s.server);
+    EXPECT_EQ(get(s.port(), "/frame").body, jpeg);
+  }
+  {
+    auto s = startServer(SourceChoice::image(pngPath));
+    ASSERT_TRUE(s.server);
+    Reply first = get(s.port(), "/frame");
+    EXPECT_EQ(jpegSizeOf(first.body), (Size{100, 80}));
+    EXPECT_EQ(nearest(centreColour(first.body), {kRed, kGreen, kBlue}), 1u);
+    EXPECT_EQ(get(s.port(), "/frame").body, first.body) << "encoded once, served as the same bytes";
+    EXPECT_EQ(s.server->frames().current()->number, 1u);
+    EXPECT_NE(s.server->status()["source"].get<std::string>().find("transcoded"),
+              std::string::npos);
+  }
+  {
+    FrameSettings settings;
+    settings.size = Size{50, 40};
+    auto s = startServer(SourceChoice::image(pngPath), settings);
+    ASSERT_TRUE(s.server);
+    EXPECT_EQ(jpegSizeOf(get(s.port(), "/frame").body), (Size{50, 40}));
+  }
+}
+
+TEST(Sources, FolderAdvancesInNameOrderAndLoops) {
+  TempDir dir;
+  const std::string red = solidJpeg(64, 48, kRed);
+  dir.write("b.jpg", red);  // name order: a (green PNG), b (red), c (blue)
+  makePng(dir, "a.png", 64, 48, kGreen);
+  dir.write("c.JPG", solidJpeg(64, 48, kBlue));
+  dir.write("notes.txt", "not a picture");
+  dir.write(".hidden.jpg", solidJpeg(64, 48, kWhite));
+  std::filesystem::create_directory(dir.file("sub.jpg"));
+
+  FrameSettings settings;
+  settings.fps = 25;
+  auto s = startServer(SourceChoice::dir(dir.path().string()), settings);
+  ASSERT_TRUE(s.server);
+  EXPECT_NE(s.server->status()["source"].get<std::string>().find("3 images"), std::string::npos)
+      << s.server->status()["source"];
+  auto frames = collect(*s.server, 8);
+  expectCycle(frames, {kGreen, kRed, kBlue});
+  expectPaced(frames, 25);
+  for (const auto& f : frames) {
+    if (nearest(centreColour(f->jpeg()), {kGreen, kRed, kBlue}) == 1) {
+      EXPECT_EQ(f->jpeg(), red) << "JPEG files of a folder are served byte for byte";
+    }
+  }
+}
+
+TEST(Sources, VideoPlaysScaledAndLoops) {
+  TempDir dir;
+  const std::vector<Rgb> colors = {kRed, kGreen, kBlue, kWhite};
+  std::string video = makeVideo(dir, "clip.mp4", colors, 20, 160, 120);
+  FrameSettings settings;
+  settings.size = Size{80, 60};
+  auto s = startServer(SourceChoice::video(video), settings);
+  ASSERT_TRUE(s.server);
+  std::string source = s.server->status()["source"];
+  EXPECT_NE(source.find("mpeg4 160x120"), std::string::npos) << source;
+  EXPECT_NE(source.find("scaled to 80x60"), std::string::npos) << source;
+  auto frames = collect(*s.server, 10);
+  for (const auto& f : frames) EXPECT_EQ(jpegSizeOf(f->jpeg()), (Size{80, 60}));
+  expectCycle(frames, colors);
+  expectPaced(frames, 20);  // the video's own rate, through the loop
+}
+
+TEST(Sources, StreamFramesReplaceEachOther) {
+  int fds[2];
+  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  auto s = startServer(SourceChoice::stream(fds[0]));
+  ASSERT_TRUE(s.server);
+  EXPECT_EQ(get(s.port(), "/frame").status, 503) << "nothing to serve before the first frame";
+
+  const std::string a = solidJpeg(64, 48, kRed);
+  const std::string b = solidJpeg(32, 24, kGreen);
+  ASSERT_TRUE(sendAll(fds[1], "leading junk" + a));
+  ASSERT_TRUE(s.server->frames().waitNewer(0, in(5s)));
+  EXPECT_EQ(get(s.port(), "/frame").body, a);
+
+  // The second image arrives in two writes with junk before it.
+  ASSERT_EQ(::write(fds[1], "--x\r\n", 5), 5);
+  ASSERT_TRUE(sendAll(fds[1], b.substr(0, b.size() / 2)));
+  ASSERT_TRUE(sendAll(fds[1], b.substr(b.size() / 2)));
+  ASSERT_TRUE(s.server->frames().waitNewer(1, in(5s)));
+  Reply r = get(s.port(), "/frame");
+  EXPECT_EQ(r.body, b);
+  EXPECT_EQ(s.server->status()["width"], 32);
+
+  ::close(fds[1]);
+  EXPECT_TRUE(s.log->waitFor("the MJPEG stream ended; keeping the last frame", in(5s)));
+  EXPECT_EQ(get(s.port(), "/frame").body, b);
+  s.server->stop();
+  ::close(fds[0]);
+}
+
+TEST(Sources, BadSourcesAreRefusedWithAClearError) {
+  TempDir dir;
+  const std::string text = dir.write("notes.txt", "just some words, no picture here");
+  const std::string garbage = dir.write("clip.mp4", std::string(4096, '\x42'));
+  std::filesystem::create_directory(dir.file("empty"));
+  dir.write("empty/readme.md", "nothing");
+  const std::string missing = dir.file("missing.png");
+  struct Case {
+    SourceChoice choice;
+    FrameSettings settings;
+    std::string says;
+  };
+  FrameSettings tiny;
+  tiny.size = Size{16, 16};
+  tiny.qr = std::string(200, 'q');
+  FrameSettings empty;
+  empty.qr = "";
+  const Case cases[] = {
+      {SourceChoice::image(missing), {}, missing + " does not exist"},
+      {SourceChoice::image(dir.path().string()), {}, "is a folder: use --dir"},
+      {SourceChoice::image(text), {}, text + " is not an image"},
+      {SourceChoice::image("/dev/null"), {}, "not a regular file"},
+      {SourceChoice::dir(missing), {}, "does not exist"},
+      {SourceChoice::dir(text), {}, "is not a folder: use --image"},
+      {SourceChoice::dir(dir.file("empty")), {}, "has no images"},
+      {SourceChoice::video(garbage), {}, garbage},
+      {SourceChoice::video(missing), {}, "does not exist"},
+      {SourceChoice::pattern(), tiny, "does not fit on a 16x16 frame"},
+      {SourceChoice::pattern(), empty, "QR payload is empty"},
+  };
+  for (const Case& c : cases) {
+    auto source = server::openSource(c.choice, c.settings);
+    ASSERT_FALSE(source.ok()) << c.says;
+    EXPECT_NE(source.error().message.find(c.says), std::string::npos)
+        << "wanted \"" << c.says << "\" in: " << source.error().message;
+  }
+}
+
+}  // namespace
+}  // namespace zerlan::test
