@@ -72,12 +72,12 @@ id videoDataInit(id self, SEL)
     return self;
 }
 
-void videoDataSetDelegate(id self, SEL, id delegate, dispatch_queue_t queue)
+// Both data outputs take a delegate with the queue it is called on; a delegate without a queue is
+// refused with the given reason, and clearing the delegate drops the queue.
+void storeDelegate(id self, id delegate, dispatch_queue_t queue, const char *reasonWithoutQueue)
 {
     if (delegate && !queue)
-        fakeobjc::raise("NSInvalidArgumentException",
-                        "*** -[AVCaptureVideoDataOutput setSampleBufferDelegate:queue:] invalid parameter not "
-                        "satisfying: sampleBufferCallbackQueue != NULL");
+        fakeobjc::raise("NSInvalidArgumentException", reasonWithoutQueue);
     OutputState &s = gOutputSlot.get(self);
     std::lock_guard guard(s.lock);
     s.delegate.set(delegate);
@@ -88,6 +88,13 @@ void videoDataSetDelegate(id self, SEL, id delegate, dispatch_queue_t queue)
     s.queue = delegate ? queue : nullptr;
     if (!delegate && queue)
         dispatch_release(queue);
+}
+
+void videoDataSetDelegate(id self, SEL, id delegate, dispatch_queue_t queue)
+{
+    storeDelegate(self, delegate, queue,
+                  "*** -[AVCaptureVideoDataOutput setSampleBufferDelegate:queue:] invalid parameter not "
+                  "satisfying: sampleBufferCallbackQueue != NULL");
 }
 
 id videoDataDelegate(id self, SEL)
@@ -221,20 +228,9 @@ void metadataSetTypes(id self, SEL, id types)
 
 void metadataSetDelegate(id self, SEL, id delegate, dispatch_queue_t queue)
 {
-    if (delegate && !queue)
-        fakeobjc::raise("NSInvalidArgumentException",
-                        "*** -[AVCaptureMetadataOutput setMetadataObjectsDelegate:queue:] invalid parameter not "
-                        "satisfying: objectsCallbackQueue != NULL");
-    OutputState &s = gOutputSlot.get(self);
-    std::lock_guard guard(s.lock);
-    s.delegate.set(delegate);
-    if (queue)
-        dispatch_retain(queue);
-    if (s.queue)
-        dispatch_release(s.queue);
-    s.queue = delegate ? queue : nullptr;
-    if (!delegate && queue)
-        dispatch_release(queue);
+    storeDelegate(self, delegate, queue,
+                  "*** -[AVCaptureMetadataOutput setMetadataObjectsDelegate:queue:] invalid parameter not "
+                  "satisfying: objectsCallbackQueue != NULL");
 }
 
 CGRect metadataRectOfInterest(id self, SEL)

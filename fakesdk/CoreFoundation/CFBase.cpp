@@ -164,3 +164,27 @@ CFAbsoluteTime CFAbsoluteTimeGetCurrent(void)
 }
 
 } // extern "C"
+
+namespace fakecf {
+
+const void *retainCallBack(CFAllocatorRef, const void *value)
+{
+    return CFRetain(value);
+}
+
+void releaseCallBack(CFAllocatorRef, const void *value)
+{
+    CFRelease(value);
+}
+
+CFStringRef copyDescriptionCallBack(const void *value)
+{
+    return CFCopyDescription(value);
+}
+
+Boolean equalCallBack(const void *a, const void *b)
+{
+    return CFEqual(a, b);
+}
+
+} // namespace fakecf

@@ -428,27 +428,6 @@ void setObjectAtIndexedSubscript(id self, SEL cmd, id object, unsigned long inde
         replaceObjectAtIndex(self, cmd, index, object);
 }
 
-// ---- kCFTypeArrayCallBacks
-
-const void *retainCallBack(CFAllocatorRef, const void *value)
-{
-    return CFRetain(value);
-}
-
-void releaseCallBack(CFAllocatorRef, const void *value)
-{
-    CFRelease(value);
-}
-
-CFStringRef copyDescriptionCallBack(const void *value)
-{
-    return CFCopyDescription(value);
-}
-
-Boolean equalCallBack(const void *a, const void *b)
-{
-    return CFEqual(a, b);
-}
 
 } // namespace
 

@@ -313,25 +313,6 @@ void addEntriesFromDictionary(id self, SEL, id other)
         put(self, pairs.keys[i], pairs.values[i], true);
 }
 
-const void *retainCallBack(CFAllocatorRef, const void *value)
-{
-    return CFRetain(value);
-}
-
-void releaseCallBack(CFAllocatorRef, const void *value)
-{
-    CFRelease(value);
-}
-
-CFStringRef copyDescriptionCallBack(const void *value)
-{
-    return CFCopyDescription(value);
-}
-
-Boolean equalCallBack(const void *a, const void *b)
-{
-    return CFEqual(a, b);
-}
 
 CFHashCode hashCallBack(const void *value)
 {

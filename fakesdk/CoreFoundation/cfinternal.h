@@ -107,4 +107,10 @@ inline id allocConcrete(id self, Class publicClass, Class concreteClass)
     return class_createInstance(cls == publicClass ? concreteClass : cls, 0);
 }
 
+// The kCFType collection callbacks, shared by CFArray and CFDictionary.
+const void *retainCallBack(CFAllocatorRef, const void *value);
+void releaseCallBack(CFAllocatorRef, const void *value);
+CFStringRef copyDescriptionCallBack(const void *value);
+Boolean equalCallBack(const void *a, const void *b);
+
 } // namespace fakecf
