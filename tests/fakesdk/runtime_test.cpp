@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -113,6 +114,36 @@ TEST_F(RuntimeTest, CreateInstanceIsZeroFilledRetainedOnceAndRunsNoInitialiser)
     EXPECT_EQ(0, *a);
     EXPECT_EQ(0u, ivar_getOffset(class_getInstanceVariable(cls, "_a")) % alignof(long));
     objc_release(object);
+}
+
+std::string reasonOf(id exception)
+{
+    return send<const char *>(send(exception, "reason"), "UTF8String");
+}
+
+TEST_F(RuntimeTest, UnimplementedSelectorsRaiseWithApplesReason)
+{
+    id instance = alloc(derived_);
+    char address[32];
+    std::snprintf(address, sizeof address, "%p", static_cast<void *>(instance));
+    try {
+        send<long>(instance, "missing:", 1L);
+        ADD_FAILURE() << "no exception";
+    } catch (id exception) {
+        EXPECT_STREQ("NSInvalidArgumentException", send<const char *>(send(exception, "name"), "UTF8String"));
+        EXPECT_EQ(std::string("-[") + class_getName(derived_) + " missing:]: unrecognized selector sent to instance " +
+                      address,
+                  reasonOf(exception));
+    }
+    try {
+        send<id>(reinterpret_cast<id>(derived_), "missingClassMethod");
+        ADD_FAILURE() << "no exception";
+    } catch (id exception) {
+        EXPECT_EQ(0u, reasonOf(exception).find(std::string("+[") + class_getName(derived_) +
+                                                " missingClassMethod]: unrecognized selector sent to class 0x"));
+    }
+    EXPECT_EQ(1, send<long>(instance, "value")) << "the object is unharmed";
+    objc_release(instance);
 }
 
 TEST(AssociationsTest, RetainedValuesDieWithTheirObjectAssignedOnesAreNotRetained)
