@@ -66,12 +66,13 @@ int run(const ProbeOptions& options) {
       std::ofstream(options.save, std::ios::binary) << bytes;
     }
     if (options.json) {
-      nlohmann::json line = {{"frame", static_cast<bool>(frame)},
+      // Fields in the order people read them, not sorted.
+      nlohmann::ordered_json line = {{"frame", static_cast<bool>(frame)},
                              {"bytes", bytes.size()},
                              {"ms", std::round(ms * 1000) / 1000},
-                             {"width", decoded ? nlohmann::json(decoded->width) : nullptr},
-                             {"height", decoded ? nlohmann::json(decoded->height) : nullptr},
-                             {"qr", decoded && decoded->qr ? nlohmann::json(*decoded->qr) : nullptr}};
+                             {"width", decoded ? nlohmann::ordered_json(decoded->width) : nullptr},
+                             {"height", decoded ? nlohmann::ordered_json(decoded->height) : nullptr},
+                             {"qr", decoded && decoded->qr ? nlohmann::ordered_json(*decoded->qr) : nullptr}};
       std::printf("%s\n", line.dump().c_str());
     } else if (!frame) {
       std::printf("fetch %d: no frame from 127.0.0.1:%d after %.1f ms\n", i + 1, options.port, ms);

@@ -26,12 +26,12 @@ std::string fourCharCode(FourCharCode code)
     return out;
 }
 
-nlohmann::json describe(id device)
+nlohmann::ordered_json describe(id device)
 {
     if (!device)
         return nullptr;
     id formats = send<id>(device, sel<"formats">());
-    nlohmann::json out = {
+    nlohmann::ordered_json out = {
         {"name", text(send<id>(device, sel<"localizedName">()))},
         {"uniqueID", text(send<id>(device, sel<"uniqueID">()))},
         {"position", send<long>(device, sel<"position">())},
@@ -67,7 +67,7 @@ int main()
                             arrayWithObject(AVCaptureDeviceTypeBuiltInWideAngleCamera), AVMediaTypeVideo, kBack);
     id discovered = send<id>(discovery, sel<"devices">());
 
-    nlohmann::json out = {
+    nlohmann::ordered_json out = {
         {"defaultDevice", describe(device)},
         {"byUniqueID", reopened != nil},
         {"discovered", count(discovered)},
