@@ -33,31 +33,16 @@ NumberState &state(id self)
     return gSlot.get(self);
 }
 
+// The @encode of the stored type; NSNumber reports a BOOL as a char ("c"), as Apple's does.
 template <typename T>
 const char *typeCode()
 {
-    if constexpr (std::is_same_v<T, bool>)
+    if constexpr (std::is_same_v<T, bool>) {
         return "c";
-    else if constexpr (std::is_same_v<T, char> || std::is_same_v<T, signed char>)
-        return "c";
-    else if constexpr (std::is_same_v<T, unsigned char>)
-        return "C";
-    else if constexpr (std::is_same_v<T, short>)
-        return "s";
-    else if constexpr (std::is_same_v<T, unsigned short>)
-        return "S";
-    else if constexpr (std::is_same_v<T, int>)
-        return "i";
-    else if constexpr (std::is_same_v<T, unsigned int>)
-        return "I";
-    else if constexpr (std::is_same_v<T, long> || std::is_same_v<T, long long>)
-        return "q";
-    else if constexpr (std::is_same_v<T, unsigned long> || std::is_same_v<T, unsigned long long>)
-        return "Q";
-    else if constexpr (std::is_same_v<T, float>)
-        return "f";
-    else
-        return "d";
+    } else {
+        static const std::string code = fakeobjc::Encoding<T>::get();
+        return code.c_str();
+    }
 }
 
 template <typename T>

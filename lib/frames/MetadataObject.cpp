@@ -6,10 +6,7 @@ using namespace zerlan::objc;
 
 namespace {
 
-id *payloadSlot(id self)
-{
-    return ivarPointer<id>(self, "_zerlanPayload");
-}
+constexpr const char *kPayloadIvar = "_zerlanPayload";
 
 id type(id, SEL)
 {
@@ -18,8 +15,7 @@ id type(id, SEL)
 
 id zerlanPayload(id self, SEL)
 {
-    id *slot = payloadSlot(self);
-    return slot ? *slot : nil;
+    return objectIvar(self, kPayloadIvar);
 }
 
 id stringValue(id self, SEL)
@@ -29,21 +25,12 @@ id stringValue(id self, SEL)
 
 void setZerlanPayload(id self, SEL, id payload)
 {
-    id *slot = payloadSlot(self);
-    if (!slot)
-        return;
-    id copy = send<id>(payload, sel<"copy">());
-    id previous = *slot;
-    *slot = copy;
-    objc_release(previous);
+    setObjectIvar(self, kPayloadIvar, payload, IvarStore::copy);
 }
 
 void dealloc(id self, SEL)
 {
-    if (id *slot = payloadSlot(self)) {
-        objc_release(*slot);
-        *slot = nil;
-    }
+    releaseObjectIvar(self, kPayloadIvar);
     sendSuper<void>(ZerlanMetadataObjectClass(), self, sel<"dealloc">());
 }
 
@@ -55,7 +42,7 @@ Class ZerlanMetadataObjectClass()
     static Class cls;
     dispatch_once(&once, ^{
         cls = ClassBuilder("ZerlanMetadataObject", "AVMetadataMachineReadableCodeObject")
-                  .ivar("_zerlanPayload", sizeof(id), alignof(id) == 8 ? 3 : 2, "@")
+                  .objectIvar(kPayloadIvar)
                   .override(sel<"type">(), imp(type))
                   .override(sel<"stringValue">(), imp(stringValue))
                   .method(sel<"zerlanPayload">(), imp(zerlanPayload), "@@:")

@@ -10,13 +10,6 @@ namespace {
 
 constexpr long kLandscapeRight = 3;
 
-// The connection's side and the output's side of the pairing, in the order both creators use.
-void attachToOutput(id connection, id output)
-{
-    objc_setAssociatedObject(connection, &kConnectionOutputKey, output, OBJC_ASSOCIATION_ASSIGN);
-    objc_setAssociatedObject(output, &kOutputConnectionKey, connection, OBJC_ASSOCIATION_RETAIN_NONATOMIC);
-}
-
 void storeOrientation(id connection, long orientation)
 {
     objc_setAssociatedObject(connection, &kConnectionOrientationKey, number(orientation),
@@ -67,7 +60,8 @@ id zerlan_initWithInputPorts_output(id self, SEL, id ports, id output)
     if (!send<BOOL>(ports, sel<"containsObject:">(), ZerlanFakeInputPort()))
         return send<id>(self, sel<"zerlan_initWithInputPorts:output:">(), ports, output);
     ZerlanMark(self, &kFakeConnectionKey);
-    attachToOutput(self, output);
+    objc_setAssociatedObject(self, &kConnectionOutputKey, output, OBJC_ASSOCIATION_ASSIGN);
+    objc_setAssociatedObject(output, &kOutputConnectionKey, self, OBJC_ASSOCIATION_RETAIN_NONATOMIC);
     storeOrientation(self, kLandscapeRight);
     ZerlanRetainFake(self);
     return self;

@@ -91,13 +91,6 @@ void ZerlanInstallRow(const ZerlanExchangeRow &row)
     if (!target)
         return;
     SEL selector = sel_registerName(row.selector);
-    if (row.kind == ZerlanRowKind::added) {
-        // Takes the type of UIViewController's method of the same name; refused (and ignored)
-        // when the class already defines it itself.
-        Method model = class_getInstanceMethod(objc_getClass("UIViewController"), selector);
-        class_addMethod(target, selector, row.implementation, model ? method_getTypeEncoding(model) : nullptr);
-        return;
-    }
     bool isClassRow = row.kind == ZerlanRowKind::classMethod;
     Method framework = isClassRow ? class_getClassMethod(target, selector) : class_getInstanceMethod(target, selector);
     SEL replacement = sel_registerName((std::string("zerlan_") + row.selector).c_str());

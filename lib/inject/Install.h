@@ -11,11 +11,10 @@ void ZerlanExchange(Class cls, SEL frameworkSelector, SEL replacementSelector);
 // The same for two class methods.
 void ZerlanExchangeClass(Class cls, SEL frameworkSelector, SEL replacementSelector);
 
-enum class ZerlanRowKind { instance, classMethod, added };
+enum class ZerlanRowKind { instance, classMethod };
 
 // One intercepted framework method. The replacement is installed as "zerlan_" + selector on the
-// same class (or metaclass) with the framework method's own type encoding, then exchanged; an
-// added row puts the implementation under the selector itself.
+// same class (or metaclass) with the framework method's own type encoding, then exchanged.
 struct ZerlanExchangeRow {
     const char *className;
     const char *selector;

@@ -1,5 +1,9 @@
 #include "inject/Registry.h"
 
+#include "objc/Frameworks.h"
+
+#include <utility>
+
 using namespace zerlan::objc;
 
 const char kFakeDeviceKey = 0;
@@ -53,8 +57,5 @@ id ZerlanRetainFake(id object)
 
 void ZerlanResetRetainedFakeObjects()
 {
-    id fresh = send<id>(send<id>(cls("NSMutableArray"), sel<"alloc">()), sel<"init">());
-    id previous = gRetainedFakeObjects;
-    gRetainedFakeObjects = fresh;
-    objc_release(previous);
+    objc_release(std::exchange(gRetainedFakeObjects, allocInit<"init">("NSMutableArray").leak()));
 }

@@ -236,6 +236,13 @@ public:
         return *this;
     }
 
+    // An ivar holding an object its instance owns (see setObjectIvar and releaseObjectIvar).
+    ClassBuilder &objectIvar(const char *name)
+    {
+        static_assert(sizeof(id) == 8, "LP64 only");
+        return ivar(name, sizeof(id), 3, "@");
+    }
+
     Class registerClass()
     {
         if (cls_)
@@ -253,6 +260,31 @@ inline T *ivarPointer(id object, const char *name)
 {
     Ivar ivar = class_getInstanceVariable(object_getClass(object), name);
     return ivar ? reinterpret_cast<T *>(reinterpret_cast<char *>(object) + ivar_getOffset(ivar)) : nullptr;
+}
+
+// Object ivars that their instance owns (+1): read (+0), replace with a retained or copied value
+// (the old one is released), and release in dealloc. A class without the ivar reads nil.
+inline id objectIvar(id object, const char *name)
+{
+    id *slot = ivarPointer<id>(object, name);
+    return slot ? *slot : nil;
+}
+
+enum class IvarStore { retain, copy };
+
+inline void setObjectIvar(id object, const char *name, id value, IvarStore store)
+{
+    id *slot = ivarPointer<id>(object, name);
+    if (!slot)
+        return;
+    id owned = store == IvarStore::copy ? send<id>(value, sel<"copy">()) : objc_retain(value);
+    objc_release(std::exchange(*slot, owned));
+}
+
+inline void releaseObjectIvar(id object, const char *name)
+{
+    if (id *slot = ivarPointer<id>(object, name))
+        objc_release(std::exchange(*slot, nil));
 }
 
 template <typename F>

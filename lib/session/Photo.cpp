@@ -9,25 +9,16 @@ using namespace zerlan::objc;
 
 namespace {
 
-id *dataSlot(id self)
-{
-    return ivarPointer<id>(self, "_zerlanData");
-}
+constexpr const char *kDataIvar = "_zerlanData";
 
 id zerlanData(id self, SEL)
 {
-    id *slot = dataSlot(self);
-    return slot ? *slot : nil;
+    return objectIvar(self, kDataIvar);
 }
 
 void setZerlanData(id self, SEL, id data)
 {
-    id *slot = dataSlot(self);
-    if (!slot)
-        return;
-    id previous = *slot;
-    *slot = objc_retain(data);
-    objc_release(previous);
+    setObjectIvar(self, kDataIvar, data, IvarStore::retain);
 }
 
 id fileDataRepresentation(id self, SEL)
@@ -37,10 +28,7 @@ id fileDataRepresentation(id self, SEL)
 
 void dealloc(id self, SEL)
 {
-    if (id *slot = dataSlot(self)) {
-        objc_release(*slot);
-        *slot = nil;
-    }
+    releaseObjectIvar(self, kDataIvar);
     sendSuper<void>(ZerlanPhotoClass(), self, sel<"dealloc">());
 }
 
@@ -52,7 +40,7 @@ Class ZerlanPhotoClass()
     static Class cls;
     dispatch_once(&once, ^{
         cls = ClassBuilder("ZerlanPhoto", "AVCapturePhoto")
-                  .ivar("_zerlanData", sizeof(id), alignof(id) == 8 ? 3 : 2, "@")
+                  .objectIvar(kDataIvar)
                   .method(sel<"zerlanData">(), imp(zerlanData), "@@:")
                   .method(sel<"setZerlanData:">(), imp(setZerlanData), "v@:@")
                   .override(sel<"fileDataRepresentation">(), imp(fileDataRepresentation))

@@ -88,8 +88,7 @@ Strong<> bodyOf(id response)
 
     id headerBytes = send<id>(response, sel<"subdataWithRange:">(), ByteRange{0, found.location});
     constexpr unsigned long kUTF8 = 4;
-    Strong<> header = Strong<>::adopt(
-        send<id>(send<id>(cls("NSString"), sel<"alloc">()), sel<"initWithData:encoding:">(), headerBytes, kUTF8));
+    Strong<> header = allocInit<"initWithData:encoding:">("NSString", headerBytes, kUTF8);
     if (!header)
         return nullptr;
     if (!send<BOOL>(header, sel<"hasPrefix:">(), string("HTTP/1.1 200")) &&
