@@ -4,6 +4,7 @@
 #include "inject/Diagnostics.h"
 #include "inject/FakeDevice.h"
 #include "inject/Registry.h"
+#include "picker/Interception.h"
 #include "session/Outputs.h"
 #include "session/Photo.h"
 #include "session/Session.h"
@@ -65,6 +66,21 @@ std::span<const ZerlanExchangeRow> ZerlanExchangeTable()
         {"AVCaptureMetadataOutput", "setMetadataObjectTypes:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectTypes)},
         {"AVCaptureMetadataOutput", "setMetadataObjectsDelegate:queue:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectsDelegate_queue)},
         {"AVCaptureVideoPreviewLayer", "setSession:", ZerlanRowKind::instance, imp(zerlan_setSession)},
+        {"UIImagePickerController", "isSourceTypeAvailable:", ZerlanRowKind::classMethod, imp(zerlan_isSourceTypeAvailable)},
+        {"UIImagePickerController", "isCameraDeviceAvailable:", ZerlanRowKind::classMethod, imp(zerlan_isCameraDeviceAvailable)},
+        {"UIImagePickerController", "availableMediaTypesForSourceType:", ZerlanRowKind::classMethod, imp(zerlan_availableMediaTypesForSourceType)},
+        {"UIImagePickerController", "availableCaptureModesForCameraDevice:", ZerlanRowKind::classMethod, imp(zerlan_availableCaptureModesForCameraDevice)},
+        {"UIImagePickerController", "isFlashAvailableForCameraDevice:", ZerlanRowKind::classMethod, imp(zerlan_isFlashAvailableForCameraDevice)},
+        {"UIImagePickerController", "setSourceType:", ZerlanRowKind::instance, imp(zerlan_setSourceType)},
+        {"UIImagePickerController", "sourceType", ZerlanRowKind::instance, imp(zerlan_sourceType)},
+        {"UIImagePickerController", "setCameraDevice:", ZerlanRowKind::instance, imp(zerlan_setCameraDevice)},
+        {"UIImagePickerController", "cameraDevice", ZerlanRowKind::instance, imp(zerlan_cameraDevice)},
+        {"UIImagePickerController", "setCameraCaptureMode:", ZerlanRowKind::instance, imp(zerlan_setCameraCaptureMode)},
+        {"UIImagePickerController", "cameraCaptureMode", ZerlanRowKind::instance, imp(zerlan_cameraCaptureMode)},
+        // In place before presentation is exchanged, so a picker presented right after load can
+        // already be dismissed through it.
+        {"UIImagePickerController", "dismissViewControllerAnimated:completion:", ZerlanRowKind::added, imp(ZerlanImagePickerDismiss), "UIViewController"},
+        {"UIViewController", "presentViewController:animated:completion:", ZerlanRowKind::instance, imp(zerlan_presentViewController_animated_completion)},
     };
     return rows;
 }
@@ -91,6 +107,11 @@ void ZerlanInstallRow(const ZerlanExchangeRow &row)
     if (!target)
         return;
     SEL selector = sel_registerName(row.selector);
+    if (row.kind == ZerlanRowKind::added) {
+        if (Method model = class_getInstanceMethod(objc_getClass(row.typesFrom), selector))
+            class_addMethod(target, selector, row.implementation, method_getTypeEncoding(model));
+        return;
+    }
     bool isClassRow = row.kind == ZerlanRowKind::classMethod;
     Method framework = isClassRow ? class_getClassMethod(target, selector) : class_getInstanceMethod(target, selector);
     SEL replacement = sel_registerName((std::string("zerlan_") + row.selector).c_str());

@@ -23,6 +23,9 @@ extern id const AVVideoCodecKey;
 extern id const AVVideoCodecTypeH264;
 extern id const AVVideoWidthKey;
 extern id const AVVideoHeightKey;
+extern id const AVVideoCompressionPropertiesKey;
+extern id const AVVideoAverageBitRateKey;
+extern id const AVFileTypeMPEG4;
 
 // CoreImage
 extern id const CIDetectorTypeQRCode;
@@ -31,6 +34,13 @@ extern id const CIDetectorAccuracyHigh;
 
 // QuartzCore
 extern id const kCAGravityResizeAspectFill;
+
+// UIKit
+extern id const UIImagePickerControllerMediaType;
+extern id const UIImagePickerControllerOriginalImage;
+extern id const UIImagePickerControllerMediaURL;
+extern const CGFloat UIFontWeightMedium;
+extern const CGFloat UIFontWeightSemibold;
 }
 
 namespace zerlan::objc {
