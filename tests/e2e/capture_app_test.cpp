@@ -2,175 +2,20 @@
 // Simulator fails as Apple's does; with ZerlanInject preloaded frames, QR payloads (in the order
 // the server shows them) and the photo arrive, polling survives a server restart, and
 // `zerlan demo` runs the whole thing from one command.
-#include "Process.h"
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
+#include "E2eSupport.h"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
-#include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <optional>
-#include <sstream>
-#include <thread>
 
-using namespace zerlan::testing;
-using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using namespace zerlan::e2e;
 
 namespace {
 
-constexpr uint16_t kFramePort = 47654;
-
-struct HttpAnswer {
-    int status = 0; // 0: no answer
-    std::string body;
-};
-
-// One request to the frame server on loopback, read until the server closes.
-HttpAnswer http(const std::string &method, const std::string &path, const std::string &body = {})
-{
-    HttpAnswer answer;
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    timeval timeout{3, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(kFramePort);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
-        std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
-        if (!body.empty())
-            request += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
-        request += "\r\n" + body;
-        send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-        std::string raw;
-        char buffer[8192];
-        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
-            raw.append(buffer, static_cast<size_t>(n));
-        size_t headerEnd = raw.find("\r\n\r\n");
-        if (std::sscanf(raw.c_str(), "HTTP/1.%*d %d", &answer.status) == 1 && headerEnd != std::string::npos)
-            answer.body = raw.substr(headerEnd + 4);
-    }
-    close(fd);
-    return answer;
-}
-
-bool somethingListens()
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(kFramePort);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool listening = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
-    close(fd);
-    return listening;
-}
-
-long framesServed()
-{
-    HttpAnswer status = http("GET", "/status");
-    if (status.status != 200)
-        return -1;
-    return nlohmann::json::parse(status.body).value("frames_served", -1L);
-}
-
-template <typename Condition>
-bool waitFor(Condition condition, Clock::duration limit)
-{
-    auto deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
-std::string readFile(const fs::path &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// `zerlan serve` on the frame port, stopped with SIGTERM (or killed) when the test is done.
-class FrameServer {
-public:
-    explicit FrameServer(std::vector<std::string> args)
-    {
-        std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", std::to_string(kFramePort)};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char *> raw;
-        for (auto &s : argv)
-            raw.push_back(s.data());
-        raw.push_back(nullptr);
-        log_ = fs::temp_directory_path() / ("zerlan-e2e-serve-" + std::to_string(getpid()) + ".log");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~FrameServer() { stop(SIGTERM); }
-
-    // Whether it serves frames before the deadline (a frame, not just a listening socket).
-    bool waitUntilServing()
-    {
-        bool exited = false;
-        waitFor(
-            [&] {
-                int status = 0;
-                exited = pid_ <= 0 || waitpid(pid_, &status, WNOHANG) == pid_;
-                return exited || http("GET", "/frame").status == 200;
-            },
-            10s);
-        if (exited)
-            pid_ = -1;
-        return !exited && http("GET", "/frame").status == 200;
-    }
-
-    void stop(int signal)
-    {
-        if (pid_ <= 0)
-            return;
-        kill(pid_, signal);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-    }
-
-    std::string log() const { return readFile(log_); }
-
-private:
-    pid_t pid_ = -1;
-    fs::path log_;
-};
-
-struct AppRun {
-    ProcessResult process;
-    nlohmann::json out;
-};
-
 AppRun captureApp(bool withLibrary, std::vector<std::string> args)
 {
-    std::vector<std::string> argv{buildDir() + "/bin/capture-app"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    AppRun run;
-    run.process = runProcess(argv, {{"LD_PRELOAD", withLibrary ? buildDir() + "/lib/libZerlanInject.so" : kUnset},
-                                    {"ZERLAN_DEBUG", kUnset}});
-    run.out = nlohmann::json::parse(run.process.out, nullptr, false);
-    return run;
+    return runApp("capture-app", withLibrary, std::move(args));
 }
 
 std::future<AppRun> startCaptureApp(std::vector<std::string> args)

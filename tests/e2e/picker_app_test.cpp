@@ -1,0 +1,137 @@
+// picker-app, an app's image picker code, against a real `zerlan serve`: a camera-less Simulator
+// has no camera source; with ZerlanInject preloaded the camera screen comes up in the picker's
+// place and photos, movies (checked with ffprobe) and cancellations reach the app's delegate.
+#include "E2eSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+using namespace zerlan::e2e;
+
+namespace {
+
+AppRun pickerApp(bool withLibrary, std::vector<std::string> args, std::map<std::string, std::string> env = {})
+{
+    return runApp("picker-app", withLibrary, std::move(args), std::move(env));
+}
+
+// ffprobe's view of a movie: codec, size and duration of its streams.
+nlohmann::json ffprobe(const fs::path &movie)
+{
+    ProcessResult probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries",
+                                      "stream=codec_type,codec_name,width,height:format=duration", "-of", "json",
+                                      movie.string()});
+    return nlohmann::json::parse(probe.out, nullptr, false);
+}
+
+class PickerAppTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::temp_directory_path() / ("zerlan-picker-app-" + std::to_string(getpid()));
+        fs::create_directories(dir_);
+        ASSERT_TRUE(waitFor([] { return !somethingListens(); }, 20s)) << "something else listens on port 47654";
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    fs::path dir_;
+};
+
+TEST_F(PickerAppTest, WithoutTheLibraryThereIsNoCameraSource)
+{
+    AppRun run = pickerApp(false, {"--action", "photo"});
+    EXPECT_EQ(1, run.process.status) << run.process.err;
+    ASSERT_TRUE(run.out.is_object()) << run.process.out << run.process.err;
+    EXPECT_EQ(false, run.out["sourceTypeAvailable"]);
+    EXPECT_TRUE(run.out["presented"].is_null());
+    EXPECT_NE(std::string::npos, run.out["error"].get<std::string>().find("no camera")) << run.out["error"];
+    EXPECT_EQ(nlohmann::json::array(), run.out["delegateCalls"]);
+}
+
+TEST_F(PickerAppTest, WithTheLibraryButNoServerTheAppSaysWhatIsMissing)
+{
+    AppRun run = pickerApp(true, {"--action", "photo", "--timeout", "2"});
+    EXPECT_EQ(1, run.process.status) << run.process.out << run.process.err;
+    EXPECT_EQ(true, run.out["sourceTypeAvailable"]);
+    EXPECT_EQ("ZerlanVirtualImagePickerViewController", run.out["presented"]);
+    EXPECT_NE(std::string::npos, run.out["error"].get<std::string>().find("zerlan serve")) << run.out["error"];
+    EXPECT_EQ(nlohmann::json::array({"Connecting to Zerlan…", "Waiting for Zerlan camera feed…"}), run.out["statusTexts"]);
+}
+
+TEST_F(PickerAppTest, PhotosAreTakenByTapOrByTheHarnessAndCancelIsReported)
+{
+    FrameServer server({});
+    ASSERT_TRUE(server.waitUntilServing()) << server.log();
+    struct {
+        const char *action;
+        const char *result;
+        nlohmann::json calls;
+    } const cases[] = {
+        {"photo", "photo", {"imagePickerController:didFinishPickingMediaWithInfo:"}},
+        {"auto", "photo", {"imagePickerController:didFinishPickingMediaWithInfo:"}},
+        {"cancel", "cancel", {"imagePickerControllerDidCancel:"}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.action);
+        fs::path saved = dir_ / (std::string(c.action) + ".jpg");
+        AppRun run = pickerApp(true, {"--action", c.action, "--save", saved.string()});
+        ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
+        const nlohmann::json &out = run.out;
+        EXPECT_TRUE(out["error"].is_null()) << out["error"];
+        EXPECT_EQ(true, out["sourceTypeAvailable"]);
+        EXPECT_EQ("ZerlanVirtualImagePickerViewController", out["presented"]);
+        EXPECT_EQ(nlohmann::json::array({"public.image", "public.movie"}), out["mediaTypes"]);
+        EXPECT_EQ(nlohmann::json::array({0, 1}), out["captureModes"]);
+        EXPECT_EQ(c.result, out["result"]);
+        EXPECT_EQ(c.calls, out["delegateCalls"]) << "exactly one delegate call";
+        EXPECT_EQ(true, out["dismissed"]);
+        if (std::string(c.result) == "photo") {
+            EXPECT_EQ(640, out["imageWidth"]);
+            EXPECT_EQ(480, out["imageHeight"]);
+            EXPECT_EQ("\xff\xd8", readFile(saved).substr(0, 2));
+            EXPECT_EQ("Tap to capture", out["statusTexts"].back()) << out["statusTexts"];
+        }
+    }
+}
+
+TEST_F(PickerAppTest, ARecordingIsAnH264MovieOfTheFeed)
+{
+    FrameServer server({"--qr", "movie"});
+    ASSERT_TRUE(server.waitUntilServing()) << server.log();
+    fs::path saved = dir_ / "movie.mp4";
+    AppRun run = pickerApp(true, {"--action", "record", "--media", "both", "--record-seconds", "1.5", "--save", saved.string()});
+    ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
+    const nlohmann::json &out = run.out;
+    EXPECT_EQ("movie", out["result"]);
+    EXPECT_EQ(true, out["movieExists"]) << "the delivered movie stays where the library wrote it";
+    EXPECT_EQ(0u, out["movieURL"].get<std::string>().rfind("file://", 0)) << out["movieURL"];
+    nlohmann::json statuses = out["statusTexts"];
+    for (const char *expected : {"Tap to record", "Recording… Tap to stop", "Finishing video…"})
+        EXPECT_NE(statuses.end(), std::find(statuses.begin(), statuses.end(), expected)) << expected << " in " << statuses;
+
+    nlohmann::json probe = ffprobe(saved);
+    ASSERT_TRUE(probe.is_object());
+    ASSERT_EQ(1u, probe["streams"].size()) << probe << " (no audio track)";
+    EXPECT_EQ("video", probe["streams"][0]["codec_type"]);
+    EXPECT_EQ("h264", probe["streams"][0]["codec_name"]);
+    EXPECT_EQ(640, probe["streams"][0]["width"]);
+    EXPECT_EQ(480, probe["streams"][0]["height"]);
+    double seconds = std::stod(probe["format"]["duration"].get<std::string>());
+    EXPECT_GT(seconds, 0.3);
+    EXPECT_LT(seconds, 1.5 + 0.2) << "never longer than the time between the two taps";
+}
+
+TEST_F(PickerAppTest, TheMaximumDurationEndsARecordingWithoutTheSecondTap)
+{
+    FrameServer server({});
+    ASSERT_TRUE(server.waitUntilServing()) << server.log();
+    AppRun run = pickerApp(true, {"--action", "record", "--max-seconds", "0.5", "--record-seconds", "8"});
+    ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
+    EXPECT_EQ("movie", run.out["result"]);
+    nlohmann::json probe = ffprobe(run.out["movieURL"].get<std::string>().substr(7));
+    EXPECT_GE(std::stod(probe["format"]["duration"].get<std::string>()), 0.5);
+    fs::remove(run.out["movieURL"].get<std::string>().substr(7));
+}
+
+} // namespace
