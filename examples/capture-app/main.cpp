@@ -37,8 +37,8 @@ constexpr const char *kUsage =
     "videoFps, bufferWidth, bufferHeight, pixelFormat, ptsIncreasing, qr, photoBytes, photoWidth,\n"
     "photoHeight, previewHasContents, error.\n"
     "--save-photo FILE writes the photo's file data byte for byte.\n"
-    "Exit status: 0 when the camera was set up, 1 when it could not be (the error says why),\n"
-    "2 for a bad command line.\n";
+    "Exit status: 0 when the camera delivered frames, 1 when it could not be set up or delivered\n"
+    "none (the error says why), 2 for a bad command line.\n";
 
 // What the delegates saw. Video arrives on the app's serial queue, metadata on the main queue,
 // the photo on a queue of the framework's choosing: one lock for all of it.
@@ -342,6 +342,8 @@ int main(int argc, char **argv)
     out["previewHasContents"] = previewHasContents;
     if (!error && !gObserved.photoError.empty())
         error = "photo capture failed: " + gObserved.photoError;
+    if (!error && gObserved.videoFrames == 0)
+        error = "the camera delivered no frames: is the frame server running? (start it with: zerlan serve)";
     out["error"] = error ? nlohmann::ordered_json(*error) : nlohmann::ordered_json(nullptr);
 
     if (!options->savePhoto.empty() && data) {

@@ -51,6 +51,17 @@ TEST_F(CaptureAppTest, WithoutTheLibraryTheSimulatorHasNoCamera)
     EXPECT_EQ(false, run.out["previewHasContents"]);
 }
 
+TEST_F(CaptureAppTest, WithTheLibraryButNoServerTheAppSaysNoFramesCame)
+{
+    AppRun run = captureApp(true, {"--seconds", "0.5", "--photo-after-ms", "100"});
+    EXPECT_EQ(1, run.process.status) << run.process.out << run.process.err;
+    EXPECT_EQ("Zerlan Camera", run.out["device"]);
+    EXPECT_EQ(0, run.out["videoFrames"]);
+    ASSERT_TRUE(run.out["error"].is_string()) << run.out;
+    EXPECT_NE(std::string::npos, run.out["error"].get<std::string>().find("no frames")) << run.out["error"];
+    EXPECT_NE(std::string::npos, run.out["error"].get<std::string>().find("zerlan serve")) << run.out["error"];
+}
+
 TEST_F(CaptureAppTest, WithTheLibraryFramesTheCodeAndThePhotoArrive)
 {
     FrameServer server({});
