@@ -235,12 +235,15 @@ private:
 // seen by the runtime is the framework's; new methods give theirs.
 class ClassBuilder {
 public:
+    // Given a Nil superclass the runtime would make a new root class, which no framework would
+    // know how to retain or release; the library declares only subclasses, so it asks for none.
     ClassBuilder(const char *name, const char *superclassName)
-        : cls_(objc_allocateClassPair(objc_getClass(superclassName), name, 0))
     {
+        if (Class superclass = objc_getClass(superclassName))
+            cls_ = objc_allocateClassPair(superclass, name, 0);
     }
 
-    // Nil when the superclass is missing or the name is taken.
+    // Nil when the superclass is missing (nothing is then declared) or the name is taken.
     Class cls() const { return cls_; }
 
     ClassBuilder &override(SEL selector, IMP imp)
@@ -281,7 +284,7 @@ public:
     }
 
 private:
-    Class cls_;
+    Class cls_ = nullptr;
 };
 
 // The address of an ivar of type T inside an instance (found by name once per class).

@@ -1,9 +1,8 @@
 // lib/objc against the runtime: messages whose struct result x86-64 returns through memory
 // (CGRect, CMTime) or in registers (CGPoint) reach the right forwarding entry, so a forwarding
-// object hands them on intact and an unimplemented one raises instead of crashing.
+// object hands them on intact and an unimplemented one raises instead of crashing; ClassBuilder
+// refuses a missing superclass.
 #include "objc/Frameworks.h"
-
-#include <fakesdk/objc_np.h>
 
 #include <gtest/gtest.h>
 
@@ -139,6 +138,17 @@ TEST_F(SendTest, UnforwardedStructMessagesRaiseUnrecognisedSelector)
     CGRect nilResult = send<CGRect>(nil, sel<"frame">());
     expectRect(CGRect{}, nilResult, "a message to nil returns zero");
     objc_release(forwarder);
+}
+
+TEST(ClassBuilderTest, AMissingSuperclassDeclaresNothing)
+{
+    ClassBuilder builder("ZerlanTestOrphan", "ZerlanNoSuchSuperclass");
+    EXPECT_EQ(nullptr, builder.cls());
+    builder.method(sel<"frame">(), imp(frame), "{CGRect={CGPoint=dd}{CGSize=dd}}16@0:8").objectIvar("_state");
+    EXPECT_EQ(nullptr, builder.registerClass());
+    EXPECT_EQ(nullptr, objc_getClass("ZerlanTestOrphan")) << "no root class registered in its place";
+    ClassBuilder again("ZerlanTestOrphan", "NSObject");
+    EXPECT_NE(nullptr, again.registerClass()) << "the name stays free";
 }
 
 } // namespace
