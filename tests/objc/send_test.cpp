@@ -1,7 +1,7 @@
 // lib/objc against the runtime: messages whose struct result x86-64 returns through memory
 // (CGRect, CMTime) or in registers (CGPoint) reach the right forwarding entry, so a forwarding
 // object hands them on intact and an unimplemented one raises instead of crashing; ClassBuilder
-// refuses a missing superclass.
+// refuses a missing superclass; string() answers nil for a null pointer without sending.
 #include "objc/Frameworks.h"
 
 #include <gtest/gtest.h>
@@ -149,6 +149,14 @@ TEST(ClassBuilderTest, AMissingSuperclassDeclaresNothing)
     EXPECT_EQ(nullptr, objc_getClass("ZerlanTestOrphan")) << "no root class registered in its place";
     ClassBuilder again("ZerlanTestOrphan", "NSObject");
     EXPECT_NE(nullptr, again.registerClass()) << "the name stays free";
+}
+
+TEST(StringTest, NullGivesNilWithoutSendingAndTextRoundTrips)
+{
+    AutoreleasePool pool;
+    EXPECT_EQ(nil, string(nullptr));
+    EXPECT_STREQ("Zerlan Camera", utf8(string("Zerlan Camera")));
+    EXPECT_STREQ("", utf8(string("")));
 }
 
 } // namespace
