@@ -3,7 +3,7 @@
 PRESET ?= linux
 BUILD  := build
 
-.PHONY: all setup configure build test test-asan test-tsan demo bench clean
+.PHONY: all setup configure build test test-asan test-tsan ios-check demo bench clean
 
 all: build
 
@@ -24,6 +24,14 @@ test-asan:
 
 test-tsan:
 	@$(MAKE) --no-print-directory test PRESET=linux-tsan
+
+# The library compiled and link-checked against Apple's SDK (ZERLAN_APPLE_SDK, or ../shared's
+# slice); `make test` runs it too.
+ios-check:
+ifneq ($(shell uname -s),Darwin)
+	@bash scripts/setup
+endif
+	@bash scripts/ios-check
 
 demo: build
 	@$(BUILD)/bin/zerlan demo

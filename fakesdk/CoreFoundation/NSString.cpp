@@ -270,9 +270,12 @@ id string(id self, SEL)
     return objc_autorelease(newOfClass(concreteOf(self), ""));
 }
 
-id stringWithUTF8String(id self, SEL, const char *text)
+id stringWithUTF8String(id self, SEL cmd, const char *text)
 {
-    if (!text || !isValidUTF8(reinterpret_cast<const unsigned char *>(text), std::strlen(text)))
+    if (!text)
+        fakeobjc::raiseFormat("NSInvalidArgumentException", "*** +[%s %s]: NULL cString",
+                              class_getName(reinterpret_cast<Class>(self)), sel_getName(cmd));
+    if (!isValidUTF8(reinterpret_cast<const unsigned char *>(text), std::strlen(text)))
         return nil;
     return objc_autorelease(newOfClass(concreteOf(self), text));
 }

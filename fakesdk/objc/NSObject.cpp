@@ -158,6 +158,12 @@ id performSelectorWithObjects(id self, SEL, SEL sel, id first, id second)
     return msg<id>(self, sel, first, second);
 }
 
+// Fast forwarding: NSObject forwards nothing; subclasses answer another object.
+id forwardingTargetForSelector(id, SEL, SEL)
+{
+    return nil;
+}
+
 bool conformsToProtocol(id, SEL, void *)
 {
     return false;
@@ -174,6 +180,7 @@ __attribute__((constructor(101))) void declareNSObject()
         .classMethod("description", classDescription)
         .classMethod("instancesRespondToSelector:", instancesRespondToSelector)
         .classMethod("isSubclassOfClass:", isSubclassOfClass)
+        .classMethod("forwardingTargetForSelector:", forwardingTargetForSelector)
         .method("init", identity)
         .method("self", identity)
         .method("retain", retain)
@@ -187,6 +194,7 @@ __attribute__((constructor(101))) void declareNSObject()
         .method("isMemberOfClass:", isMemberOfClass)
         .method("respondsToSelector:", respondsToSelector)
         .method("conformsToProtocol:", conformsToProtocol)
+        .method("forwardingTargetForSelector:", forwardingTargetForSelector)
         .method("isEqual:", isEqual)
         .method("hash", hash)
         .method("description", description)

@@ -1,13 +1,9 @@
-// Hand-over between a failed method lookup and the forwarding entry point on the same thread.
+// What the forwarding entry points need from the rest of the runtime.
 #pragma once
 
 #include <objc/objc.h>
 
 namespace fakeobjc {
-Class forwardClass();
-SEL forwardSelector();
-[[noreturn]] void raiseFormat(const char *name, const char *format, ...) __attribute__((format(printf, 2, 3)));
+// Whether a pointer is a registered selector, without reading through it.
+bool isSelector(const void *candidate);
 }
-
-extern "C" const char *class_getName(Class cls);
-extern "C" BOOL class_isMetaClass(Class cls);

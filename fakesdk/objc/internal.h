@@ -7,6 +7,7 @@
 #include <objc/objc-sync.h>
 #include <objc/runtime.h>
 
+#include <type_traits>
 #include <utility>
 
 extern "C" {
@@ -31,6 +32,27 @@ void makeImmortal(id obj);
 [[noreturn]] void raise(const char *name, const char *reason);
 [[noreturn]] void raiseFormat(const char *name, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+// The lookup for a message returning R: on x86-64 a struct returned through memory (larger than 16
+// bytes, or not trivially copyable) shifts receiver and selector by one register, so an
+// unimplemented selector must reach the _stret forwarding entry.
+template <typename R>
+constexpr bool returnsThroughMemory()
+{
+    if constexpr (std::is_class_v<R> || std::is_union_v<R>)
+        return sizeof(R) > 16 || !std::is_trivially_copyable_v<R>;
+    else
+        return false;
+}
+
+template <typename R>
+inline IMP lookUp(Class cls, SEL sel)
+{
+    if constexpr (returnsThroughMemory<R>())
+        return class_getMethodImplementation_stret(cls, sel);
+    else
+        return class_getMethodImplementation(cls, sel);
+}
+
 template <typename R, typename... Args>
 inline R msg(id receiver, SEL sel, Args... args)
 {
@@ -40,7 +62,7 @@ inline R msg(id receiver, SEL sel, Args... args)
         else
             return R{};
     }
-    IMP imp = class_getMethodImplementation(object_getClass(receiver), sel);
+    IMP imp = lookUp<R>(object_getClass(receiver), sel);
     return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, sel, args...);
 }
 
@@ -54,7 +76,7 @@ template <typename R, typename... Args>
 inline R msgSuper(Class cls, id receiver, const char *selName, Args... args)
 {
     SEL sel = sel_registerName(selName);
-    IMP imp = class_getMethodImplementation(class_getSuperclass(cls), sel);
+    IMP imp = lookUp<R>(class_getSuperclass(cls), sel);
     return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, sel, args...);
 }
 

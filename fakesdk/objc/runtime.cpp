@@ -109,6 +109,14 @@ std::unordered_set<std::string> &selectorTable()
     return *table;
 }
 
+// Every registered selector's address, so that forwarding can tell a selector from whatever else
+// a register may hold.
+std::unordered_set<const void *> &selectorAddresses()
+{
+    static auto *table = new std::unordered_set<const void *>();
+    return *table;
+}
+
 objc_method *findMethodLocked(Class cls, SEL sel)
 {
     for (Class c = cls; c; c = c->superclass) {
@@ -118,11 +126,6 @@ objc_method *findMethodLocked(Class cls, SEL sel)
     }
     return nullptr;
 }
-
-// The receiver and selector of the last failed lookup on this thread, so that the forwarding
-// entry point can name them in its exception whatever calling convention reached it.
-thread_local Class tForwardClass;
-thread_local SEL tForwardSelector;
 
 struct Association {
     id value;
@@ -235,14 +238,10 @@ Class newClassObject(Class isa, Class superclass, const char *name, size_t insta
 
 namespace fakeobjc {
 
-Class forwardClass()
+bool isSelector(const void *candidate)
 {
-    return tForwardClass;
-}
-
-SEL forwardSelector()
-{
-    return tForwardSelector;
+    std::lock_guard<std::mutex> guard(selectorLock());
+    return selectorAddresses().count(candidate) != 0;
 }
 
 void makeImmortal(id obj)
@@ -288,6 +287,8 @@ SEL sel_registerName(const char *str)
         return nullptr;
     std::lock_guard<std::mutex> guard(selectorLock());
     auto [it, inserted] = selectorTable().emplace(str);
+    if (inserted)
+        selectorAddresses().insert(it->c_str());
     return reinterpret_cast<SEL>(const_cast<char *>(it->c_str()));
 }
 
@@ -480,14 +481,18 @@ IMP class_getMethodImplementation(Class cls, SEL name)
 {
     if (!cls)
         return nullptr;
-    {
-        std::shared_lock<std::shared_mutex> guard(classLock());
-        if (objc_method *method = findMethodLocked(cls, name))
-            return method->imp.load(std::memory_order_acquire);
-    }
-    tForwardClass = cls;
-    tForwardSelector = name;
-    return _objc_msgForward;
+    std::shared_lock<std::shared_mutex> guard(classLock());
+    objc_method *method = findMethodLocked(cls, name);
+    return method ? method->imp.load(std::memory_order_acquire) : _objc_msgForward;
+}
+
+IMP class_getMethodImplementation_stret(Class cls, SEL name)
+{
+    if (!cls)
+        return nullptr;
+    std::shared_lock<std::shared_mutex> guard(classLock());
+    objc_method *method = findMethodLocked(cls, name);
+    return method ? method->imp.load(std::memory_order_acquire) : _objc_msgForward_stret;
 }
 
 BOOL class_respondsToSelector(Class cls, SEL sel)

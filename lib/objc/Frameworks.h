@@ -45,10 +45,11 @@ extern const CGFloat UIFontWeightSemibold;
 
 namespace zerlan::objc {
 
-// NSString from UTF-8 (+0, autoreleased); nil for a null pointer.
+// NSString from UTF-8 (+0, autoreleased); nil for a null pointer, which is never sent on:
+// stringWithUTF8String: raises for NULL.
 inline id string(const char *utf8)
 {
-    return send<id>(cls("NSString"), sel<"stringWithUTF8String:">(), utf8);
+    return utf8 ? send<id>(cls("NSString"), sel<"stringWithUTF8String:">(), utf8) : nil;
 }
 
 inline const char *utf8(id string)

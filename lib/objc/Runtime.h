@@ -4,7 +4,8 @@
 // Contract of every helper here:
 // - send<R>(receiver, sel, args...) calls the receiver's implementation with the exact function
 //   type R(*)(id, SEL, Args...); a nil receiver returns a value-initialised R and sends nothing.
-//   An unimplemented selector fails as the platform does (unrecognised selector).
+//   An unimplemented selector goes to the platform's forwarding, in the convention of R (a target
+//   from forwardingTargetForSelector: gets the message, else it fails as an unrecognised selector).
 // - Strong<T> owns one reference (+1). Strong<T>::retain(x) takes a new reference on x (+0 in);
 //   Strong<T>::adopt(x) takes over a reference the caller already owns (+1 in: alloc/new/copy,
 //   CF Create/Copy). Destruction releases; moving leaves the source null.
@@ -65,6 +66,35 @@ inline id cls(const char *name)
     return reinterpret_cast<id>(objc_getClass(name));
 }
 
+namespace detail {
+// Whether the x86-64 SysV ABI returns R through memory: a struct or union larger than 16 bytes,
+// or one that is not trivially copyable. The result's address then takes the first argument
+// register and shifts receiver and selector along by one.
+template <typename R>
+constexpr bool returnsThroughMemory()
+{
+    if constexpr (std::is_class_v<R> || std::is_union_v<R>)
+        return sizeof(R) > 16 || !std::is_trivially_copyable_v<R>;
+    else
+        return false;
+}
+
+// The implementation a message returning R calls. Implemented selectors give the same function
+// either way; an unimplemented one gives the forwarding entry, which must find the receiver and
+// selector where the caller put them: on x86-64 that takes the _stret entry for a result returned
+// through memory. arm64 passes a result's address in x8, apart from the arguments, and has one
+// entry for all (its SDK marks the _stret lookup unavailable).
+template <typename R>
+__attribute__((always_inline)) inline IMP lookUp(Class cls, SEL selector)
+{
+#if defined(__x86_64__)
+    if constexpr (returnsThroughMemory<R>())
+        return class_getMethodImplementation_stret(cls, selector);
+#endif
+    return class_getMethodImplementation(cls, selector);
+}
+} // namespace detail
+
 template <typename R, typename... Args>
 __attribute__((always_inline)) inline R send(id receiver, SEL selector, Args... args)
 {
@@ -74,7 +104,7 @@ __attribute__((always_inline)) inline R send(id receiver, SEL selector, Args... 
         else
             return R{};
     }
-    IMP imp = class_getMethodImplementation(object_getClass(receiver), selector);
+    IMP imp = detail::lookUp<R>(object_getClass(receiver), selector);
     return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, selector, args...);
 }
 
@@ -88,7 +118,7 @@ __attribute__((always_inline)) inline R sendSuper(Class cls, id receiver, SEL se
         else
             return R{};
     }
-    IMP imp = class_getMethodImplementation(class_getSuperclass(cls), selector);
+    IMP imp = detail::lookUp<R>(class_getSuperclass(cls), selector);
     return reinterpret_cast<R (*)(id, SEL, Args...)>(imp)(receiver, selector, args...);
 }
 
@@ -205,12 +235,15 @@ private:
 // seen by the runtime is the framework's; new methods give theirs.
 class ClassBuilder {
 public:
+    // Given a Nil superclass the runtime would make a new root class, which no framework would
+    // know how to retain or release; the library declares only subclasses, so it asks for none.
     ClassBuilder(const char *name, const char *superclassName)
-        : cls_(objc_allocateClassPair(objc_getClass(superclassName), name, 0))
     {
+        if (Class superclass = objc_getClass(superclassName))
+            cls_ = objc_allocateClassPair(superclass, name, 0);
     }
 
-    // Nil when the superclass is missing or the name is taken.
+    // Nil when the superclass is missing (nothing is then declared) or the name is taken.
     Class cls() const { return cls_; }
 
     ClassBuilder &override(SEL selector, IMP imp)
@@ -251,7 +284,7 @@ public:
     }
 
 private:
-    Class cls_;
+    Class cls_ = nullptr;
 };
 
 // The address of an ivar of type T inside an instance (found by name once per class).

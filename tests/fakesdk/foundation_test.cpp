@@ -223,7 +223,10 @@ TEST_F(FoundationTest, UTF8IsValidatedStrictly)
         objc_release(s);
         objc_release(viaData);
     }
-    EXPECT_EQ(send(cls("NSString"), "stringWithUTF8String:", (const char *)nullptr), nil);
+    EXPECT_EQ(raised([] { send(cls("NSString"), "stringWithUTF8String:", (const char *)nullptr); }),
+              std::make_pair(std::string("NSInvalidArgumentException"),
+                             std::string("*** +[NSString stringWithUTF8String:]: NULL cString")))
+        << "Apple raises for NULL; only invalid bytes give nil";
     EXPECT_EQ(CFStringCreateWithCString(nullptr, "\xFF", kCFStringEncodingUTF8), nullptr);
 }
 

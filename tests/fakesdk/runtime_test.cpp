@@ -1,6 +1,7 @@
 // The runtime behaviour the library relies on: method exchange as seen through inheritance,
 // class_addMethod's refusal, bare instances, associations and their lifetimes, zeroing weak
-// references, recursive object locks across threads, autorelease pools and unrecognised selectors.
+// references, recursive object locks across threads, autorelease pools, unrecognised selectors and
+// forwarding in both of x86-64's conventions (results in registers and through memory).
 #include <fakesdk/objc_np.h>
 #include <objc/message.h>
 #include <objc/objc-sync.h>
@@ -143,6 +144,95 @@ TEST_F(RuntimeTest, UnimplementedSelectorsRaiseWithApplesReason)
                                                 " missingClassMethod]: unrecognized selector sent to class 0x"));
     }
     EXPECT_EQ(1, send<long>(instance, "value")) << "the object is unharmed";
+    objc_release(instance);
+}
+
+// A result that x86-64 returns through memory (over 16 bytes), as CGRect and CMTime are.
+struct Wide {
+    double v[4];
+};
+
+Wide wideValue(id, SEL)
+{
+    return {{1, 2, 3, 4}};
+}
+
+// Every argument register and then the stack: what forwarding must pass on untouched.
+double sumOfMany(id, SEL, long a, long b, long c, long d, long e, long f, double x0, double x1, double x2, double x3,
+                 double x4, double x5, double x6, double x7, double x8)
+{
+    return a + b + c + d + e + f + x0 + x1 + x2 + x3 + x4 + x5 + x6 + x7 + x8;
+}
+
+id gForwardTarget;
+
+// Free to use every argument register, as any real implementation is: forwarding must have kept
+// the message's arguments elsewhere.
+id forwardToTarget(id, SEL, SEL)
+{
+    asm volatile("xorl %%edi, %%edi\n xorl %%esi, %%esi\n xorl %%edx, %%edx\n xorl %%ecx, %%ecx\n"
+                 "xorl %%r8d, %%r8d\n xorl %%r9d, %%r9d\n pxor %%xmm0, %%xmm0\n pxor %%xmm1, %%xmm1\n"
+                 "pxor %%xmm2, %%xmm2\n pxor %%xmm3, %%xmm3\n pxor %%xmm4, %%xmm4\n pxor %%xmm5, %%xmm5\n"
+                 "pxor %%xmm6, %%xmm6\n pxor %%xmm7, %%xmm7"
+                 :
+                 :
+                 : "rdi", "rsi", "rdx", "rcx", "r8", "r9", "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6",
+                   "xmm7");
+    return gForwardTarget;
+}
+
+TEST_F(RuntimeTest, StretLookupGivesTheStretForwardingEntryAndTheSameImplementations)
+{
+    SEL missing = sel_registerName("missingWide");
+    SEL value = sel_registerName("value");
+    EXPECT_EQ(reinterpret_cast<IMP>(_objc_msgForward), class_getMethodImplementation(derived_, missing));
+    EXPECT_EQ(reinterpret_cast<IMP>(_objc_msgForward_stret), class_getMethodImplementation_stret(derived_, missing));
+    EXPECT_EQ(class_getMethodImplementation(derived_, value), class_getMethodImplementation_stret(derived_, value));
+    EXPECT_EQ(reinterpret_cast<IMP>(answerOne), class_getMethodImplementation_stret(derived_, value));
+    EXPECT_EQ(nullptr, class_getMethodImplementation_stret(nullptr, value));
+}
+
+TEST_F(RuntimeTest, ForwardingTargetGetsTheMessageInEitherConvention)
+{
+    class_addMethod(base_, sel_registerName("wide"), reinterpret_cast<IMP>(wideValue), "{Wide=[4d]}16@0:8");
+    class_addMethod(base_, sel_registerName("sumOfMany"), reinterpret_cast<IMP>(sumOfMany), "d@:qqqqqqddddddddd");
+    std::string name = std::string("TestForwarderOf") + class_getName(base_);
+    Class forwarder = objc_allocateClassPair(objc_getClass("NSObject"), name.c_str(), 0);
+    class_addMethod(forwarder, sel_registerName("forwardingTargetForSelector:"), reinterpret_cast<IMP>(forwardToTarget),
+                    "@@::");
+    objc_registerClassPair(forwarder);
+    gForwardTarget = alloc(derived_);
+    id instance = alloc(forwarder);
+    SEL wide = sel_registerName("wide");
+    Wide result = reinterpret_cast<Wide (*)(id, SEL)>(class_getMethodImplementation_stret(forwarder, wide))(instance, wide);
+    EXPECT_EQ(1, result.v[0]);
+    EXPECT_EQ(4, result.v[3]);
+    SEL many = sel_registerName("sumOfMany");
+    double sum = reinterpret_cast<double (*)(id, SEL, long, long, long, long, long, long, double, double, double, double,
+                                             double, double, double, double, double)>(
+        class_getMethodImplementation(forwarder, many))(instance, many, 101, 202, 303, 404, 505, 606, 0.5, 1, 2, 3, 4, 5, 6, 7, 100);
+    EXPECT_EQ(2121 + 28.5 + 100, sum);
+
+    gForwardTarget = (objc_release(gForwardTarget), nil);
+    try {
+        reinterpret_cast<Wide (*)(id, SEL)>(class_getMethodImplementation_stret(forwarder, wide))(instance, wide);
+        ADD_FAILURE() << "no exception once the target is nil";
+    } catch (id exception) {
+        EXPECT_EQ(0u, reasonOf(exception).find(std::string("-[") + class_getName(forwarder) +
+                                                " wide]: unrecognized selector sent to instance 0x"));
+    }
+    objc_release(instance);
+}
+
+TEST_F(RuntimeTest, ForwardingEntryCalledInTheOtherConventionAborts)
+{
+    id instance = alloc(derived_);
+    SEL missing = sel_registerName("missingWide");
+    EXPECT_DEATH(reinterpret_cast<Wide (*)(id, SEL)>(class_getMethodImplementation(derived_, missing))(instance, missing),
+                 "NSForwarding: warning: selector .* does not match selector known to Objective C runtime");
+    EXPECT_DEATH(reinterpret_cast<long (*)(id, SEL, long)>(class_getMethodImplementation_stret(derived_, missing))(
+                     instance, missing, 7L),
+                 "NSForwarding: warning: selector .* does not match selector known to Objective C runtime");
     objc_release(instance);
 }
 

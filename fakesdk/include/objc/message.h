@@ -10,6 +10,11 @@ struct objc_super {
     Class super_class;
 };
 
-// What class_getMethodImplementation returns for a selector the class does not implement;
-// calling it raises NSInvalidArgumentException ("unrecognized selector sent to instance").
+// What class_getMethodImplementation (and, for a struct returned through memory,
+// class_getMethodImplementation_stret) returns for a selector the class does not implement.
+// Called with the message's own arguments, they forward it to the receiver's
+// forwardingTargetForSelector: if that answers another object, and otherwise raise
+// NSInvalidArgumentException ("unrecognized selector sent to instance"). Each must be called in
+// the convention it was returned for.
 OBJC_EXPORT void _objc_msgForward(void);
+OBJC_EXPORT void _objc_msgForward_stret(void) OBJC_ARM64_UNAVAILABLE;

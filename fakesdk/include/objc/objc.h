@@ -5,13 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
-#define OBJC_EXTERN extern "C"
-#else
-#define OBJC_EXTERN extern
-#endif
-#define OBJC_VISIBLE __attribute__((visibility("default")))
-#define OBJC_EXPORT OBJC_EXTERN OBJC_VISIBLE
+#include <objc/objc-api.h>
 
 typedef struct objc_class *Class;
 struct objc_object {

@@ -50,6 +50,9 @@ OBJC_EXPORT Ivar class_getInstanceVariable(Class cls, const char *name);
 OBJC_EXPORT Method class_getInstanceMethod(Class cls, SEL name);
 OBJC_EXPORT Method class_getClassMethod(Class cls, SEL name);
 OBJC_EXPORT IMP class_getMethodImplementation(Class cls, SEL name);
+// For messages whose struct result comes back through memory: the same implementation, or for an
+// unimplemented selector _objc_msgForward_stret instead of _objc_msgForward.
+OBJC_EXPORT IMP class_getMethodImplementation_stret(Class cls, SEL name) OBJC_ARM64_UNAVAILABLE;
 OBJC_EXPORT BOOL class_respondsToSelector(Class cls, SEL sel);
 OBJC_EXPORT BOOL class_addMethod(Class cls, SEL name, IMP imp, const char *types);
 OBJC_EXPORT IMP class_replaceMethod(Class cls, SEL name, IMP imp, const char *types);
