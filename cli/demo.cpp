@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "server/platform.h"
 
 extern char** environ;
 
@@ -125,7 +126,7 @@ class Child {
 // Whether something already listens on 127.0.0.1:port. SO_REUSEADDR, as the server sets it, so
 // that connections of an earlier run lingering in TIME_WAIT do not count.
 bool portInUse(uint16_t port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = platform::openSocket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) return false;
   int one = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -174,7 +175,7 @@ int fail(const std::string& message) {
 // One HTTP/1.1 exchange with the frame server on loopback, Connection: close. Returns the status
 // code, or 0 when there was no answer.
 int httpStatus(uint16_t port, const std::string& method, const std::string& path, const std::string& body = {}) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = platform::openSocket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) return 0;
   timeval timeout{2, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -192,7 +193,7 @@ int httpStatus(uint16_t port, const std::string& method, const std::string& path
     request += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
   request += "\r\n" + body;
   std::string answer;
-  if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+  if (send(fd, request.data(), request.size(), platform::kSendNoSignal) == static_cast<ssize_t>(request.size())) {
     char buffer[4096];
     for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.append(buffer, static_cast<size_t>(n));
   }
@@ -204,8 +205,9 @@ int httpStatus(uint16_t port, const std::string& method, const std::string& path
 
 int runDemo(const DemoOptions& o) {
   std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  if (ec) return fail("runs on Linux only: it starts capture-app on fakesdk (on macOS use 'zerlan launch')");
+  fs::path self = platform::executablePath();
+  if (platform::kSystemName != "Linux" || self.empty())
+    return fail("runs on Linux only: it starts capture-app on fakesdk (on macOS use 'zerlan launch')");
   fs::path binDir = self.parent_path();
   fs::path app = binDir / "capture-app";
   fs::path library = o.library.empty() ? binDir.parent_path() / "lib" / "libZerlanInject.so" : fs::path(o.library);
@@ -248,7 +250,7 @@ int runDemo(const DemoOptions& o) {
   std::fflush(stdout);
 
   int appOut[2];
-  if (pipe2(appOut, O_CLOEXEC) != 0) return fail(std::string("pipe: ") + std::strerror(errno));
+  if (!platform::openPipe(appOut)) return fail(std::string("pipe: ") + std::strerror(errno));
   int appLogFd = open(appLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (appLogFd < 0) return fail("cannot write " + appLog.string() + ": " + std::strerror(errno));
   char secondsText[32];

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "server/platform.h"
 
 namespace zerlan::cli {
 
@@ -22,21 +23,23 @@ struct LaunchOptions {
   std::string bundleID;
   std::string device = "booted";
   std::string library;
+  int port = 0;  // 0: the library's default, 47654
   bool debug = false;
   bool console = false;
   std::vector<std::string> appArguments;
 };
 
-// The dylib built by the ios-simulator preset, next to where this binary was built.
+// The dylib built by the ios-simulator preset in the checkout this binary was built in: the
+// binary is BUILD/bin/zerlan (build-macos/ or build/), the dylib build-ios/lib/ beside BUILD.
 std::string defaultLibrary() {
-  std::error_code error;
-  auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-  std::filesystem::path base = error ? std::filesystem::current_path() : self.parent_path().parent_path().parent_path();
+  auto self = platform::executablePath();
+  std::filesystem::path base =
+      self.empty() ? std::filesystem::current_path() : self.parent_path().parent_path().parent_path();
   return (base / "build-ios" / "lib" / "libZerlanInject.dylib").string();
 }
 
 bool onMacOS() {
-  return std::filesystem::exists("/usr/bin/xcrun");
+  return platform::kSystemName == "macOS" && std::filesystem::exists("/usr/bin/xcrun");
 }
 
 int run(const LaunchOptions& options) {
@@ -53,6 +56,7 @@ int run(const LaunchOptions& options) {
   }
   setenv("SIMCTL_CHILD_DYLD_INSERT_LIBRARIES", std::filesystem::absolute(library).c_str(), 1);
   if (options.debug) setenv("SIMCTL_CHILD_ZERLAN_DEBUG", "1", 1);
+  if (options.port != 0) setenv("SIMCTL_CHILD_ZERLAN_FRAME_PORT", std::to_string(options.port).c_str(), 1);
 
   std::vector<std::string> argv = {"xcrun", "simctl", "launch"};
   if (options.console) argv.push_back("--console-pty");
@@ -81,6 +85,10 @@ Command addLaunch(CLI::App& zerlan) {
   app->add_option("--device", options->device, "Simulator UDID or 'booted' (default booted)");
   app->add_option("--library", options->library,
                   "Path to libZerlanInject.dylib (default build-ios/lib/libZerlanInject.dylib)");
+  app->add_option("--port", options->port,
+                  "Port of the frame server the app fetches from (ZERLAN_FRAME_PORT); default 47654, "
+                  "as 'zerlan serve' uses")
+      ->check(CLI::Range(1, 65535));
   app->add_flag("--debug", options->debug, "Turn on the library's diagnostic lines (ZERLAN_DEBUG)");
   app->add_flag("--console", options->console, "Attach the app's console to this terminal");
   app->footer("Start 'zerlan serve' first: the app's camera shows what it serves.");

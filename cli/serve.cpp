@@ -114,8 +114,8 @@ Command addServe(CLI::App& zerlan) {
       "serves an animated test pattern with a QR code. Stop it with Ctrl-C.");
 
   cmd->add_option("--host", o->host,
-                  "Address to listen on. Anything but a loopback address shows the feed to "
-                  "other machines.")
+                  "Address to listen on. Anything but a loopback address shows the feed, and "
+                  "opens the control API, to other machines.")
       ->capture_default_str();
   cmd->add_option("--port", o->port,
                   "Port to listen on; the injected library always uses 47654. 0 picks a free "
@@ -174,7 +174,10 @@ Command addServe(CLI::App& zerlan) {
       "  zerlan serve --qr 'https://example.com'\n"
       "  zerlan serve --image photo.png --size 640x480\n"
       "  zerlan serve --video clip.mp4\n"
-      "  curl -d '{\"qr\": \"next\"}' http://127.0.0.1:47654/control\n\n" +
+      "  curl -H 'Content-Type: application/json' -d '{\"qr\": \"next\"}' "
+      "http://127.0.0.1:47654/control\n\n"
+      "The server answers only requests addressed to it (Host 127.0.0.1, localhost, [::1] or "
+      "--host) and no other web page's; POST /control needs Content-Type: application/json.\n\n" +
       std::string(kExitCodesHelp));
 
   return Command{cmd, [o] { return runServe(*o); }};

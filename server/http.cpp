@@ -188,6 +188,17 @@ ParseResult parseRequestHead(std::string_view buffer, size_t maxHead) {
       }
       haveLength = true;
       req.contentLength = length;
+    } else if (iequals(name, "Host")) {
+      // Two Host values would let a check of one and a use of the other disagree.
+      if (req.hasHost) return error(400, "malformed header: more than one Host");
+      req.hasHost = true;
+      req.host = value;
+    } else if (iequals(name, "Origin")) {
+      if (req.hasOrigin) return error(400, "malformed header: more than one Origin");
+      req.hasOrigin = true;
+      req.origin = value;
+    } else if (iequals(name, "Content-Type")) {
+      req.contentType = value;
     } else if (iequals(name, "Expect")) {
       req.expectContinue = iequals(value, "100-continue");
     } else if (iequals(name, "Transfer-Encoding")) {
@@ -209,6 +220,8 @@ std::string_view reasonPhrase(int status) {
       return "No Content";
     case 400:
       return "Bad Request";
+    case 403:
+      return "Forbidden";
     case 404:
       return "Not Found";
     case 405:
@@ -217,6 +230,10 @@ std::string_view reasonPhrase(int status) {
       return "Request Timeout";
     case 413:
       return "Content Too Large";
+    case 415:
+      return "Unsupported Media Type";
+    case 421:
+      return "Misdirected Request";
     case 431:
       return "Request Header Fields Too Large";
     case 500:

@@ -17,6 +17,12 @@ struct Request {
   size_t headSize = 0;  // bytes up to and including the blank line
   size_t contentLength = 0;
   bool expectContinue = false;  // "Expect: 100-continue": the client waits before its body
+  // Header values, empty when the header is absent (then the has* flag says so).
+  std::string_view host;
+  bool hasHost = false;
+  std::string_view origin;
+  bool hasOrigin = false;
+  std::string_view contentType;
 };
 
 enum class Parse { Incomplete, Complete, Error };

@@ -6,8 +6,9 @@
 // GET /status the same figures as JSON, and POST /control switches the source or the QR payload
 // at run time. Every connection carries exactly one request.
 //
-// Serving runs on a few epoll threads that share the listening socket; frames are produced on
-// a thread of their own, so encoding never holds up a request. Control requests run on a third
+// Serving runs on a few threads, each with an Asio io_context of its own, that share the
+// listening socket (server/connection.h); frames are produced on a thread of their own, so
+// encoding never holds up a request. Control requests run on a third
 // kind of thread, so opening a large video does not stall the connections of one serving thread.
 #pragma once
 

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "server/media.h"
 #include "server/mjpeg.h"
 #include "server/pattern.h"
+#include "server/platform.h"
 
 namespace zerlan::server {
 
@@ -37,8 +37,8 @@ SteadyClock::duration periodOf(double fps) {
 }
 
 // Waits for `stop` while letting setting changes pass (a still source has nothing to redo).
-void idleUntilStopped(std::stop_token stop, const LiveSettings& settings) {
-  while (!stop.stop_requested()) {
+void idleUntilStopped(const StopSignal& stop, const LiveSettings& settings) {
+  while (!stop.requested()) {
     settings.sleepUntil(SteadyClock::now() + std::chrono::hours(1), stop, UINT64_MAX);
   }
 }
@@ -92,13 +92,13 @@ class PatternSource final : public Source {
   SourceChoice::Kind kind() const override { return SourceChoice::Kind::Pattern; }
   std::string description() const override { return "test pattern " + formatSize(size_); }
 
-  void run(std::stop_token stop, SourceContext& ctx) override {
+  void run(const StopSignal& stop, SourceContext& ctx) override {
     PatternRenderer renderer(size_);
     std::string payload = initialQr_;
     (void)renderer.setPayload(payload);  // checked by openSource
     JpegEncoder encoder;
     auto due = SteadyClock::now();
-    while (!stop.stop_requested()) {
+    while (!stop.requested()) {
       auto [settings, version] = ctx.settings.snapshotWithVersion();
       if (settings.qr != payload) {
         if (auto set = renderer.setPayload(settings.qr); !set) {
@@ -136,7 +136,7 @@ class ImageSource final : public Source {
            (picture_.transcoded ? ", transcoded to JPEG)" : " JPEG, served as is)");
   }
 
-  void run(std::stop_token stop, SourceContext& ctx) override {
+  void run(const StopSignal& stop, SourceContext& ctx) override {
     ctx.store.publish(picture_.jpeg, picture_.size.width, picture_.size.height,
                       ctx.settings.version());
     idleUntilStopped(stop, ctx.settings);
@@ -163,11 +163,11 @@ class DirSource final : public Source {
            (files_.size() == 1 ? " image" : " images") + ", in name order, looping)";
   }
 
-  void run(std::stop_token stop, SourceContext& ctx) override {
+  void run(const StopSignal& stop, SourceContext& ctx) override {
     auto due = SteadyClock::now();
     size_t index = 0;
     size_t failuresInARow = 0;
-    while (!stop.stop_requested()) {
+    while (!stop.requested()) {
       auto [settings, version] = ctx.settings.snapshotWithVersion();
       auto picture = load(index, ctx);
       index = (index + 1) % files_.size();
@@ -236,7 +236,7 @@ class VideoSource final : public Source {
   SourceChoice::Kind kind() const override { return SourceChoice::Kind::Video; }
   std::string description() const override { return description_; }
 
-  void run(std::stop_token stop, SourceContext& ctx) override {
+  void run(const StopSignal& stop, SourceContext& ctx) override {
     JpegEncoder encoder;
     std::optional<MediaFrame> frame = std::move(first_);
     first_ = {};
@@ -246,7 +246,7 @@ class VideoSource final : public Source {
     double lastPts = std::nan("");
     auto lastDue = loopStart;
     bool firstOfLoop = true;
-    while (!stop.stop_requested()) {
+    while (!stop.requested()) {
       auto [settings, version] = ctx.settings.snapshotWithVersion();
       auto jpeg = encoder.encode(frame->image, settings.quality);
 
@@ -335,23 +335,24 @@ class StreamSource final : public Source {
                                : "MJPEG stream on file descriptor " + std::to_string(fd_);
   }
 
-  void run(std::stop_token stop, SourceContext& ctx) override {
-    int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake < 0) {
-      ctx.log(std::string("cannot read the MJPEG stream: eventfd: ") + std::strerror(errno));
+  void run(const StopSignal& stop, SourceContext& ctx) override {
+    int wakePipe[2];
+    if (!platform::openPipe(wakePipe)) {
+      ctx.log(std::string("cannot read the MJPEG stream: pipe: ") + std::strerror(errno));
       return;
     }
+    const int wake = wakePipe[0];
     {
-      // Destroyed before the close below: it waits for a callback that is writing to `wake`.
-      std::stop_callback onStop(stop, [wake] {
-        uint64_t one = 1;
-        (void)!::write(wake, &one, sizeof one);
+      // Destroyed before the close below: it waits for a waker that is writing to the pipe.
+      StopSignal::OnStop onStop(stop, [end = wakePipe[1]] {
+        char one = 1;
+        (void)!::write(end, &one, 1);
       });
       MjpegSplitter splitter;
       std::vector<char> buffer(1 << 16);
       uint64_t received = 0;
       int badReported = 0;
-      while (!stop.stop_requested()) {
+      while (!stop.requested()) {
         pollfd fds[2] = {{fd_, POLLIN, 0}, {wake, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
           if (errno == EINTR) continue;
@@ -383,7 +384,8 @@ class StreamSource final : public Source {
         }
       }
     }
-    ::close(wake);
+    ::close(wakePipe[0]);
+    ::close(wakePipe[1]);
   }
 
  private:
@@ -491,11 +493,17 @@ std::pair<FrameSettings, uint64_t> LiveSettings::snapshotWithVersion() const {
   return {settings_, version_};
 }
 
-bool LiveSettings::sleepUntil(SteadyClock::time_point until, std::stop_token stop,
+bool LiveSettings::sleepUntil(SteadyClock::time_point until, const StopSignal& stop,
                               uint64_t seen) const {
+  // The waker takes the lock before it notifies, so a stop requested between the check of the
+  // predicate and the wait is not missed. Declared before the lock: destroyed after it.
+  StopSignal::OnStop onStop(stop, [this] {
+    { std::lock_guard woken(mu_); }
+    cv_.notify_all();
+  });
   std::unique_lock lock(mu_);
-  cv_.wait_until(lock, stop, until, [&] { return version_ > seen; });
-  return !stop.stop_requested();
+  cv_.wait_until(lock, until, [&] { return version_ > seen || stop.requested(); });
+  return !stop.requested();
 }
 
 Result<std::unique_ptr<Source>> openSource(const SourceChoice& choice,
@@ -529,7 +537,7 @@ uint64_t Producer::start(std::unique_ptr<Source> source) {
     source_ = std::move(source);
   }
   if (thread_.joinable()) {
-    thread_.request_stop();
+    stop_->request();
     thread_.join();
   }
   old.reset();
@@ -539,9 +547,10 @@ uint64_t Producer::start(std::unique_ptr<Source> source) {
     running = source_.get();
   }
   uint64_t last = store_.nextNumber() - 1;
-  thread_ = std::jthread([this, running](std::stop_token stop) {
+  stop_ = std::make_unique<StopSignal>();
+  thread_ = std::thread([this, running, stop = stop_.get()] {
     SourceContext context{store_, settings_, log_};
-    running->run(stop, context);
+    running->run(*stop, context);
   });
   return last;
 }
@@ -549,7 +558,7 @@ uint64_t Producer::start(std::unique_ptr<Source> source) {
 void Producer::stop() {
   std::lock_guard lifecycle(lifecycleMu_);
   if (thread_.joinable()) {
-    thread_.request_stop();
+    stop_->request();
     thread_.join();
   }
 }

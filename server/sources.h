@@ -9,7 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -17,6 +16,7 @@
 #include "server/image.h"
 #include "server/log.h"
 #include "server/result.h"
+#include "server/stop.h"
 
 namespace zerlan::server {
 
@@ -54,12 +54,12 @@ class LiveSettings {
 
   // Sleeps until `until`; returns early when the version moves past `seen`. Returns false when
   // `stop` was requested.
-  bool sleepUntil(std::chrono::steady_clock::time_point until, std::stop_token stop,
+  bool sleepUntil(std::chrono::steady_clock::time_point until, const StopSignal& stop,
                   uint64_t seen) const;
 
  private:
   mutable std::mutex mu_;
-  mutable std::condition_variable_any cv_;
+  mutable std::condition_variable cv_;
   FrameSettings settings_;
   uint64_t version_ = 1;
 };
@@ -93,7 +93,7 @@ class Source {
   // One human-readable line, for the start line, the log and /status.
   virtual std::string description() const = 0;
   // Runs on the producer thread until `stop` is requested.
-  virtual void run(std::stop_token stop, SourceContext& context) = 0;
+  virtual void run(const StopSignal& stop, SourceContext& context) = 0;
 };
 
 // Opens and checks a source: the file exists and decodes, the folder has images, the pattern's
@@ -124,7 +124,8 @@ class Producer {
   std::mutex lifecycleMu_;  // start and stop, one at a time
   mutable std::mutex mu_;   // source_, for readers on other threads
   std::unique_ptr<Source> source_;
-  std::jthread thread_;
+  std::unique_ptr<StopSignal> stop_;  // a fresh one for each source
+  std::thread thread_;
 };
 
 }  // namespace zerlan::server

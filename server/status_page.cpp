@@ -85,7 +85,11 @@ poll();
 
 $("qrform").onsubmit = async (ev) => {
   ev.preventDefault();
-  const r = await fetch("/control", { method: "POST", body: JSON.stringify({ qr: $("qrtext").value }) });
+  const r = await fetch("/control", {
+    method: "POST",
+    headers: { "Content-Type": "application/json" },
+    body: JSON.stringify({ qr: $("qrtext").value }),
+  });
   const body = await r.json();
   if (r.ok) show(body); else $("message").textContent = body.error;
 };

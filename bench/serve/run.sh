@@ -16,7 +16,7 @@ root="$(cd "$here/../.." && pwd)"
 zerlan="${ZERLAN:-$root/build/bin/zerlan}"
 duration=5
 rounds=3
-target_ratio=0.8
+target_ratio=1.0
 
 while [ $# -gt 0 ]; do
   case "$1" in

@@ -74,6 +74,8 @@ TEST(Launch, OutsideMacOSItSaysWhatToUseInstead) {
   EXPECT_EQ(1, run.status);
   EXPECT_NE(std::string::npos, run.err.find("zerlan demo")) << run.err;
   EXPECT_EQ(2, zerlan::testing::runProcess({ZERLAN_BIN, "launch"}).status) << "the bundle ID is required";
+  EXPECT_EQ(2, zerlan::testing::runProcess({ZERLAN_BIN, "launch", "--port", "0", "com.example.Scanner"}).status)
+      << "a port is 1 to 65535";
 }
 
 }  // namespace

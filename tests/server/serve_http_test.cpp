@@ -73,7 +73,7 @@ TEST_F(ImageServer, FrameResponseIsExactlyWhatTheLibraryExpects) {
   EXPECT_EQ(old.status, 200);
   EXPECT_EQ(old.body, jpeg_);
 
-  Reply head = roundTrip(s.port(), "HEAD /frame HTTP/1.1\r\nHost: x\r\n\r\n");
+  Reply head = roundTrip(s.port(), "HEAD /frame HTTP/1.1\r\nHost: localhost\r\n\r\n");
   EXPECT_EQ(head.status, 200);
   EXPECT_EQ(head.headers["content-length"], std::to_string(jpeg_.size()));
   EXPECT_TRUE(head.body.empty());
@@ -172,7 +172,9 @@ TEST_F(ImageServer, BodiesAndPipelinedRequests) {
   // A control body that the client holds back until it is told to go on, as curl does.
   int fd = connectTo(s.port());
   std::string body = R"({"fps": 12})";
-  sendAll(fd, "POST /control HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: " +
+  sendAll(fd,
+          "POST /control HTTP/1.1\r\nContent-Type: application/json\r\nExpect: "
+          "100-continue\r\nContent-Length: " +
                   std::to_string(body.size()) + "\r\n\r\n");
   std::string interim;
   char buf[256];

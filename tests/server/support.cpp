@@ -288,7 +288,7 @@ RunningServer startServer(const server::SourceChoice& choice, server::FrameSetti
   return running;
 }
 
-Child::Child(const std::vector<std::string>& args) {
+Child::Child(const std::string& program, const std::vector<std::string>& args) {
   int in[2], err[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
     ADD_FAILURE() << "pipe failed";
@@ -298,19 +298,19 @@ Child::Child(const std::vector<std::string>& args) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in[0], 0);
   posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  std::vector<std::string> all = {ZERLAN_BIN};
+  std::vector<std::string> all = {program};
   all.insert(all.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (auto& a : all) argv.push_back(a.data());
   argv.push_back(nullptr);
-  int rc = posix_spawn(&pid_, ZERLAN_BIN, &actions, nullptr, argv.data(), environ);
+  int rc = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(in[0]);
   ::close(err[1]);
   stdinFd_ = in[1];
   stderrFd_ = err[0];
   if (rc != 0) {
-    ADD_FAILURE() << "cannot start " << ZERLAN_BIN;
+    ADD_FAILURE() << "cannot start " << program;
     pid_ = -1;
   }
   reader_ = std::thread([this] {

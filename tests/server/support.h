@@ -139,7 +139,9 @@ RunningServer startServer(const server::SourceChoice& choice = server::SourceCho
 class Child {
  public:
   // Starts `zerlan ARGS...` with a pipe on standard input and standard error captured.
-  explicit Child(const std::vector<std::string>& args);
+  explicit Child(const std::vector<std::string>& args) : Child(ZERLAN_BIN, args) {}
+  // Starts `program ARGS...` the same way (for example a shell that sets limits first).
+  Child(const std::string& program, const std::vector<std::string>& args);
   ~Child();
 
   // Waits for a line of standard error containing `part`; returns it.

@@ -1,0 +1,99 @@
+// The serving side of the frame server: the listening socket, the serving threads and the
+// connections on them, on Asio (epoll on Linux, kqueue on macOS).
+//
+// Each serving thread runs an io_context of its own and accepts from the one listening socket,
+// so a connection lives on one thread from accept to close and needs no locks. A connection
+// carries one request: it is read and checked (limits, Host, Origin, Content-Type), answered
+// and closed. POST /control bodies go to the server's control thread; the answer comes back to
+// the connection's own thread.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "server/frame_store.h"
+#include "server/log.h"
+#include "server/result.h"
+#include "server/server.h"
+
+namespace zerlan::server {
+
+struct alignas(64) Counter {
+  std::atomic<uint64_t> value{0};
+  void add() { value.fetch_add(1, std::memory_order_relaxed); }
+  uint64_t get() const { return value.load(std::memory_order_relaxed); }
+};
+
+// Errors come from clients, and a broken or hostile client can make thousands a second: logs
+// the first few of every ten seconds and counts the rest. Any thread may call it.
+class ErrorLog {
+ public:
+  explicit ErrorLog(Logger log) : log_(std::move(log)) {}
+  void operator()(const std::string& line);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  Logger log_;
+  std::mutex mu_;
+  Clock::time_point windowStart_ = Clock::now();
+  int logged_ = 0;
+  uint64_t suppressed_ = 0;
+};
+
+// A POST /control body handed to the control thread. `reply` takes the complete HTTP response
+// and sends it on the connection's own thread; call it exactly once.
+struct ControlJob {
+  std::string body;
+  std::function<void(std::string response)> reply;
+};
+
+// What the serving threads use of the server. Every member is safe to use from any thread.
+struct ServingContext {
+  const ServerOptions& options;
+  FrameStore& store;
+  ErrorLog& errorLog;
+  Counter& requests;      // responses of any kind
+  Counter& framesServed;  // GET /frame answered with a frame
+  Counter& errors;        // 4xx and 5xx, and clients dropped for time-outs
+  std::atomic<int64_t>& clients;
+  std::function<std::string()> statusJson;  // the body of GET /status
+  std::function<void(ControlJob)> submitControl;
+  std::function<void()> everySecond;  // called about once a second on one serving thread
+};
+
+// Whether `authority` (a Host value, or the host and port of an Origin) names this server:
+// 127.0.0.1, localhost, [::1], the configured host or `localAddress` (the address the client
+// reached), each with `port` or, unless `portRequired`, with no port.
+bool namesThisServer(std::string_view authority, uint16_t port, std::string_view configuredHost,
+                     std::string_view localAddress, bool portRequired);
+
+class Listener {
+ public:
+  // Binds and listens on options.host and options.port. Fails with one line that names the
+  // cause and what to do (port in use, no permission, address not on this machine).
+  static Result<std::unique_ptr<Listener>> open(const ServingContext& context);
+  ~Listener();  // stops
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  uint16_t port() const;
+
+  // Starts the serving threads (options.threads, or one per core).
+  void start();
+  // Closes the listening socket and every connection, and joins the threads. Idempotent.
+  void stop();
+
+  struct Impl;
+
+ private:
+  explicit Listener(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace zerlan::server

@@ -1,0 +1,275 @@
+// The connection layer against hostile input and hostile set-ups: requests addressed to another
+// name (DNS rebinding), requests from other web pages, control bodies a form could send, a
+// restart next to connections in TIME_WAIT, exposure beyond loopback, running out of
+// descriptors; and the platform pair and the stop signal under it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "server/connection.h"
+#include "server/platform.h"
+#include "server/sources.h"
+#include "server/stop.h"
+#include "support.h"
+
+namespace zerlan::test {
+namespace {
+
+using server::ServerOptions;
+using server::SourceChoice;
+
+template <class F>
+bool eventually(F condition, Clock::duration limit = 5s) {
+  auto deadline = in(limit);
+  while (Clock::now() < deadline) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(5ms);
+  }
+  return condition();
+}
+
+std::string frameRequest(const std::string& headers) {
+  return "GET /frame HTTP/1.1\r\n" + headers + "Connection: close\r\n\r\n";
+}
+
+TEST(Addressing, OnlyRequestsForThisServerAreAnswered) {
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  const std::string port = std::to_string(s.port());
+  const std::string other = std::to_string(s.port() == 65535 ? 1 : s.port() + 1);
+  struct Case {
+    std::string headers;
+    int status;
+  };
+  const Case cases[] = {
+      // What the library, probe, curl, python and browsers send.
+      {"Host: 127.0.0.1\r\n", 200},
+      {"Host: 127.0.0.1:" + port + "\r\n", 200},
+      {"Host: localhost:" + port + "\r\n", 200},
+      {"Host: LocalHost\r\n", 200},
+      {"Host: [::1]\r\n", 200},
+      {"Host: [::1]:" + port + "\r\n", 200},
+      {"", 200},  // no Host at all, as an HTTP/1.0 client may send
+      // Names that point here from elsewhere, and malformed ones.
+      {"Host: attacker.example\r\n", 421},
+      {"Host: attacker.example:" + port + "\r\n", 421},
+      {"Host: localhost.attacker.example\r\n", 421},
+      {"Host: 127.0.0.1:" + other + "\r\n", 421},
+      {"Host: 127.0.0.1:\r\n", 421},
+      {"Host: [::1\r\n", 421},
+      {"Host: [::1]" + port + "\r\n", 421},
+      {"Host: \r\n", 421},
+      {"Host: 127.0.0.1\r\nHost: attacker.example\r\n", 400},
+      // Browsers name the page that asks; only this server's own pages pass.
+      {"Host: 127.0.0.1:" + port + "\r\nOrigin: http://127.0.0.1:" + port + "\r\n", 200},
+      {"Host: 127.0.0.1:" + port + "\r\nOrigin: http://localhost:" + port + "\r\n", 200},
+      {"Host: 127.0.0.1:" + port + "\r\nOrigin: http://attacker.example\r\n", 403},
+      {"Host: 127.0.0.1:" + port + "\r\nOrigin: null\r\n", 403},
+      {"Host: 127.0.0.1:" + port + "\r\nOrigin: https://127.0.0.1:" + port + "\r\n", 403},
+      {"Host: 127.0.0.1:" + port + "\r\nOrigin: http://127.0.0.1\r\n", 403},
+      {"Host: 127.0.0.1:" + port + "\r\nOrigin: http://127.0.0.1:" + other + "\r\n", 403},
+  };
+  for (const Case& c : cases) {
+    Reply r = roundTrip(s.port(), frameRequest(c.headers));
+    EXPECT_EQ(r.status, c.status) << c.headers;
+    EXPECT_TRUE(r.closedByServer) << c.headers;
+    if (c.status == 421) {
+      EXPECT_NE(r.body.find("127.0.0.1:" + port), std::string::npos)
+          << "says which names work: " << r.body;
+    }
+    if (c.status == 403) EXPECT_NE(r.body.find("Origin"), std::string::npos) << r.body;
+  }
+  EXPECT_EQ(s.server->totals().framesServed, 9u);
+  // A refused control request changes nothing.
+  Reply control = roundTrip(
+      s.port(), "POST /control HTTP/1.1\r\nHost: attacker.example\r\nContent-Type: "
+                "application/json\r\nContent-Length: 12\r\n\r\n{\"qr\": \"x\"}");
+  EXPECT_EQ(control.status, 421);
+  EXPECT_EQ(s.server->status()["qr"], "zerlan");
+}
+
+TEST(Addressing, ControlTakesOnlyJson) {
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  auto postAs = [&](const std::string& typeHeader, const std::string& qr) {
+    std::string body = nlohmann::json{{"qr", qr}}.dump();
+    return roundTrip(s.port(), "POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\n" + typeHeader +
+                                   "Content-Length: " + std::to_string(body.size()) +
+                                   "\r\n\r\n" + body);
+  };
+  // What a cross-site form or a no-preflight fetch can send is refused, with a way out.
+  for (const char* type : {"", "Content-Type: text/plain\r\n",
+                           "Content-Type: application/x-www-form-urlencoded\r\n",
+                           "Content-Type: application/jsonp\r\n"}) {
+    Reply r = postAs(type, "form");
+    EXPECT_EQ(r.status, 415) << type;
+    EXPECT_NE(r.body.find("Content-Type: application/json"), std::string::npos) << r.body;
+  }
+  EXPECT_EQ(s.server->status()["qr"], "zerlan");
+  EXPECT_EQ(postAs("Content-Type: Application/JSON\r\n", "one").status, 200);
+  EXPECT_EQ(postAs("Content-Type: application/json; charset=utf-8\r\n", "two").status, 200);
+  EXPECT_EQ(s.server->status()["qr"], "two");
+}
+
+TEST(Addressing, NamesThisServer) {
+  using server::namesThisServer;
+  struct Case {
+    std::string_view authority;
+    std::string_view configured;
+    std::string_view local;
+    bool portRequired;
+    bool names;
+  };
+  const Case cases[] = {
+      {"10.1.2.3:4000", "10.1.2.3", "", false, true},    // --host 10.1.2.3
+      {"10.1.2.3:4000", "0.0.0.0", "10.1.2.3", false, true},  // reached through 0.0.0.0
+      {"10.1.2.4:4000", "0.0.0.0", "10.1.2.3", false, false},
+      {"0.0.0.0:4000", "0.0.0.0", "10.1.2.3", false, true},
+      {"[fe80::1]:4000", "fe80::1", "", false, true},
+      {"fe80::1", "fe80::1", "", false, false},  // IPv6 only in brackets
+      {"[FE80::1]", "", "[fe80::1]", false, true},
+      {"localhost", "", "", true, false},  // an origin without the port is another origin
+      {"localhost:4000", "", "", true, true},
+      {"localhost:04000", "", "", false, false},
+      {"localhost:4000x", "", "", false, false},
+      {"", "", "", false, false},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(namesThisServer(c.authority, 4000, c.configured, c.local, c.portRequired), c.names)
+        << c.authority << " configured " << c.configured << " local " << c.local;
+  }
+}
+
+TEST(Listening, RestartsBesideConnectionsInTimeWait) {
+  uint16_t port = 0;
+  {
+    auto first = startServer();
+    ASSERT_TRUE(first.server);
+    port = first.port();
+    // The server closes first, so its side of the connection stays in TIME_WAIT.
+    EXPECT_EQ(get(port, "/frame").status, 200);
+  }
+  ServerOptions options;
+  options.port = port;
+  auto second = server::Server::start(options, SourceChoice::pattern(), {}, {});
+  ASSERT_TRUE(second.ok()) << second.error().message;
+  EXPECT_EQ(get(port, "/frame").status, 200);
+}
+
+TEST(Listening, ExposureBeyondLoopbackIsSpelledOut) {
+  LogRecorder log;
+  ServerOptions options;
+  options.host = "0.0.0.0";
+  options.port = 0;
+  auto s = server::Server::start(options, SourceChoice::pattern(), {}, log.logger());
+  ASSERT_TRUE(s.ok()) << s.error().message;
+  EXPECT_TRUE(log.contains("other machines can see the feed and use the control API"));
+  // Reached through loopback, it still answers its own names.
+  EXPECT_EQ(get(s.value()->port(), "/frame").status, 200);
+
+  LogRecorder quiet;
+  auto local = server::Server::start({}, SourceChoice::pattern(), {}, quiet.logger());
+  if (local.ok()) EXPECT_FALSE(quiet.contains("warning")) << "loopback is not exposed";
+}
+
+// With few descriptors left, connections beyond them are accepted and closed at once rather
+// than left in the backlog, the thread keeps serving, and the cause is logged.
+TEST(Listening, ShedsConnectionsWhenOutOfDescriptors) {
+  Child zerlan("/bin/sh", {"-c", "ulimit -n 48 && exec \"$0\" serve --port 0 --threads 1",
+                           ZERLAN_BIN});
+  uint16_t port = zerlan.waitForPort(in(10s));
+  ASSERT_NE(port, 0) << zerlan.stderrText();
+  std::vector<int> held;
+  for (int i = 0; i < 80; ++i) held.push_back(connectTo(port));
+  ASSERT_TRUE(zerlan.waitForLine("out of file descriptors", in(5s))) << zerlan.stderrText();
+  int shed = 0;
+  int served = 0;
+  for (int fd : held) {
+    if (fd < 0) continue;
+    sendAll(fd, frameRequest("Host: 127.0.0.1\r\n"));
+    Reply r = readReply(fd, in(5s));
+    ::close(fd);
+    if (r.status == 200) ++served;
+    if (!r.ok && r.closedByServer) ++shed;
+  }
+  EXPECT_GT(shed, 0);
+  EXPECT_GT(served, 0);
+  EXPECT_EQ(get(port, "/frame").status, 200) << "serving again once descriptors are free";
+  zerlan.signal(SIGTERM);
+  EXPECT_EQ(zerlan.wait(in(10s)), 0);
+}
+
+TEST(Platform, DescriptorsAreNotInheritedAndOwnPathIsKnown) {
+  auto self = platform::executablePath();
+  EXPECT_TRUE(self.is_absolute()) << self;
+  EXPECT_EQ(self.filename(), "zerlan_server_tests");
+
+  auto closeOnExec = [](int fd) { return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0; };
+  int fds[2];
+  ASSERT_TRUE(platform::openPipe(fds));
+  EXPECT_TRUE(closeOnExec(fds[0]));
+  EXPECT_TRUE(closeOnExec(fds[1]));
+
+  int listener = platform::openSocket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_GE(listener, 0);
+  EXPECT_TRUE(closeOnExec(listener));
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len);
+  ::fcntl(listener, F_SETFL, ::fcntl(listener, F_GETFL) | O_NONBLOCK);
+  EXPECT_EQ(platform::acceptConnection(listener), -1);
+  EXPECT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK) << "nothing waits yet";
+
+  int client = connectTo(ntohs(addr.sin_port));
+  ASSERT_GE(client, 0);
+  int accepted = -1;
+  ASSERT_TRUE(eventually([&] { return (accepted = platform::acceptConnection(listener)) >= 0; }));
+  EXPECT_TRUE(closeOnExec(accepted));
+  EXPECT_NE(::fcntl(accepted, F_GETFL) & O_NONBLOCK, 0);
+  char byte;
+  EXPECT_EQ(::recv(accepted, &byte, 1, 0), -1) << "non-blocking: no data yet";
+  // The client is gone; a write must fail with an error, not kill the process with SIGPIPE.
+  ::close(client);
+  std::string chunk(1 << 16, 'x');
+  ssize_t sent = 0;
+  ASSERT_TRUE(eventually([&] {
+    sent = platform::sendNow(accepted, chunk.data(), chunk.size());
+    return sent < 0 && errno != EAGAIN;
+  }));
+  for (int fd : {fds[0], fds[1], listener, accepted}) ::close(fd);
+}
+
+TEST(StopSignal, WakesWaitersWhereverTheyWait) {
+  server::StopSignal stop;
+  int woken = 0;
+  {
+    server::StopSignal::OnStop first(stop, [&] { ++woken; });
+    EXPECT_EQ(woken, 0);
+    server::LiveSettings settings({});
+    std::thread sleeper([&] {
+      auto start = Clock::now();
+      EXPECT_FALSE(settings.sleepUntil(start + 10s, stop, settings.version()))
+          << "a stopped sleep says so";
+      EXPECT_LT(Clock::now() - start, 5s) << "woken by the stop, not by the time";
+    });
+    std::this_thread::sleep_for(20ms);
+    stop.request();
+    stop.request();
+    sleeper.join();
+    EXPECT_EQ(woken, 1) << "once, however often it is requested";
+  }
+  server::StopSignal::OnStop late(stop, [&] { ++woken; });
+  EXPECT_EQ(woken, 2) << "registered after the request: runs at once";
+  EXPECT_TRUE(stop.requested());
+}
+
+}  // namespace
+}  // namespace zerlan::test
