@@ -24,6 +24,17 @@ TEST(InstallTest, EveryRowIsExchangedInPlace)
 {
     ASSERT_GE(ZerlanExchangeTable().size(), 16u);
     for (const ZerlanExchangeRow &row : ZerlanExchangeTable()) {
+        if (row.kind == ZerlanRowKind::added) {
+            // The class now has a method of its own, typed as the one it used to inherit.
+            SEL selector = sel_registerName(row.selector);
+            Method own = class_getInstanceMethod(objc_getClass(row.className), selector);
+            Method inherited = class_getInstanceMethod(objc_getClass(row.typesFrom), selector);
+            ASSERT_TRUE(own && inherited) << row.className << " " << row.selector;
+            EXPECT_EQ(row.implementation, method_getImplementation(own)) << row.selector;
+            EXPECT_NE(row.implementation, method_getImplementation(inherited)) << row.typesFrom << " keeps its own";
+            EXPECT_STREQ(method_getTypeEncoding(inherited), method_getTypeEncoding(own)) << row.selector;
+            continue;
+        }
         Method framework = lookUp(row, row.selector);
         Method original = lookUp(row, std::string("zerlan_") + row.selector);
         ASSERT_NE(nullptr, framework) << row.className << " " << row.selector;
@@ -44,6 +55,37 @@ TEST(InstallTest, TheTableStartsWithTheDeviceRowsInOrder)
     auto table = ZerlanExchangeTable();
     for (size_t i = 0; i < std::size(expected); ++i)
         EXPECT_STREQ(expected[i], table[i].selector) << "row " << i + 1;
+}
+
+TEST(InstallTest, ThePickerRowsCloseTheTableWithTheDismissalAddedBeforePresentation)
+{
+    struct Expected {
+        const char *className, *selector;
+        ZerlanRowKind kind;
+    } const expected[] = {
+        {"UIImagePickerController", "isSourceTypeAvailable:", ZerlanRowKind::classMethod},
+        {"UIImagePickerController", "isCameraDeviceAvailable:", ZerlanRowKind::classMethod},
+        {"UIImagePickerController", "availableMediaTypesForSourceType:", ZerlanRowKind::classMethod},
+        {"UIImagePickerController", "availableCaptureModesForCameraDevice:", ZerlanRowKind::classMethod},
+        {"UIImagePickerController", "isFlashAvailableForCameraDevice:", ZerlanRowKind::classMethod},
+        {"UIImagePickerController", "setSourceType:", ZerlanRowKind::instance},
+        {"UIImagePickerController", "sourceType", ZerlanRowKind::instance},
+        {"UIImagePickerController", "setCameraDevice:", ZerlanRowKind::instance},
+        {"UIImagePickerController", "cameraDevice", ZerlanRowKind::instance},
+        {"UIImagePickerController", "setCameraCaptureMode:", ZerlanRowKind::instance},
+        {"UIImagePickerController", "cameraCaptureMode", ZerlanRowKind::instance},
+        {"UIImagePickerController", "dismissViewControllerAnimated:completion:", ZerlanRowKind::added},
+        {"UIViewController", "presentViewController:animated:completion:", ZerlanRowKind::instance},
+    };
+    auto table = ZerlanExchangeTable();
+    ASSERT_EQ(48 + std::size(expected), table.size());
+    for (size_t i = 0; i < std::size(expected); ++i) {
+        const ZerlanExchangeRow &row = table[48 + i];
+        SCOPED_TRACE(testing::Message() << "row " << 49 + i);
+        EXPECT_STREQ(expected[i].className, row.className);
+        EXPECT_STREQ(expected[i].selector, row.selector);
+        EXPECT_EQ(expected[i].kind, row.kind);
+    }
 }
 
 long replaced(id, SEL) { return 42; }
