@@ -1,6 +1,8 @@
 // zerlan demo: on Linux, runs `zerlan serve` (this same binary) on the test pattern and the sample
-// app capture-app on fakesdk with ZerlanInject preloaded, switches the QR payload half way
-// through, and leaves what the app received (photo.jpg, result.json) in a folder.
+// apps on fakesdk with ZerlanInject preloaded: capture-app (the QR payload switches half way
+// through), then picker-app (an automated photo, and a recording during which the payload changes
+// again). It leaves what the apps received (photo.jpg, result.json, picker-photo.jpg,
+// picker-video.mp4) in a folder.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -19,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -28,6 +31,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "server/media.h"
 #include "server/platform.h"
 
 extern char** environ;
@@ -42,6 +46,7 @@ using Clock = std::chrono::steady_clock;
 constexpr uint16_t kPort = 47654;
 constexpr const char* kFirstPayload = "zerlan";
 constexpr const char* kSecondPayload = "zerlan-demo-2";
+constexpr const char* kPickerPayload = "zerlan-picker";
 
 struct DemoOptions {
   double seconds = 6;
@@ -203,16 +208,181 @@ int httpStatus(uint16_t port, const std::string& method, const std::string& path
   return status;
 }
 
+// What a sample app printed (its one JSON line) and how it ended. `error` says why there is no
+// result at all.
+struct AppRun {
+  nlohmann::ordered_json result;
+  int status = -1;
+  std::string error;
+};
+
+// Runs a sample app with the library preloaded, its standard error into `log`, until it exits or
+// `timeoutSeconds` pass. `tick` runs about ten times a second with the seconds elapsed and may
+// return a progress text, printed once a second while it is given.
+AppRun runSampleApp(const fs::path& app, const std::vector<std::string>& args, const fs::path& library,
+                    const fs::path& log, double timeoutSeconds, const std::function<const char*(double)>& tick) {
+  AppRun run;
+  std::string name = app.filename().string();
+  int appOut[2];
+  if (!platform::openPipe(appOut)) {
+    run.error = std::string("pipe: ") + std::strerror(errno);
+    return run;
+  }
+  int logFd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (logFd < 0) {
+    close(appOut[0]);
+    close(appOut[1]);
+    run.error = "cannot write " + log.string() + ": " + std::strerror(errno);
+    return run;
+  }
+  std::vector<std::string> argv{app.string()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Child child;
+  bool spawned = child.spawn(argv, {"LD_PRELOAD=" + library.string()}, appOut[1], logFd, run.error);
+  close(appOut[1]);
+  close(logFd);
+  if (!spawned) {
+    close(appOut[0]);
+    return run;
+  }
+
+  // The app's whole output is one JSON line, read as it comes so that a pipe never fills.
+  std::string output;
+  auto started = Clock::now();
+  int reported = 0;
+  for (bool done = false; !done;) {
+    pollfd fd{appOut[0], POLLIN, 0};
+    if (poll(&fd, 1, 100) > 0) {
+      char buffer[4096];
+      ssize_t n = read(appOut[0], buffer, sizeof buffer);
+      if (n > 0) output.append(buffer, static_cast<size_t>(n));
+    }
+    done = child.exited();
+    double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+    const char* progress = tick(elapsed);
+    if (!done && progress && static_cast<int>(elapsed) > reported) {
+      reported = static_cast<int>(elapsed);
+      std::printf("%s %ds\n", progress, reported);
+    }
+    std::fflush(stdout);
+    if (!done && elapsed > timeoutSeconds) {
+      child.stop();
+      close(appOut[0]);
+      run.error = name + " did not finish within " + std::to_string(static_cast<int>(timeoutSeconds)) +
+                  " s; its log is in " + log.string();
+      return run;
+    }
+  }
+  char buffer[4096];
+  for (ssize_t n; (n = read(appOut[0], buffer, sizeof buffer)) > 0;) output.append(buffer, static_cast<size_t>(n));
+  close(appOut[0]);
+  run.status = child.status();
+  try {
+    run.result = nlohmann::ordered_json::parse(output);
+  } catch (const nlohmann::json::exception&) {
+    std::string how = child.signal() ? "was killed by signal " + std::to_string(child.signal())
+                                     : "exited with status " + std::to_string(child.status());
+    run.error = name + " " + how + " without a result; the end of its log (" + log.string() + "):\n" +
+                lastLines(readFile(log), 10);
+  }
+  return run;
+}
+
+void switchPayload(const char* payload) {
+  int status = httpStatus(kPort, "POST", "/control", nlohmann::json{{"qr", payload}}.dump());
+  if (status == 200)
+    std::printf("switched the QR payload to \"%s\" (POST /control)\n", payload);
+  else
+    std::printf("could not switch the QR payload: %s\n",
+                status ? ("HTTP " + std::to_string(status)).c_str() : "no answer from the frame server");
+}
+
+// What a movie holds, read back with libavformat: "h264 640x480, 3.0 s", or why it cannot be read.
+std::string describeMovie(const fs::path& movie) {
+  auto reader = server::MediaReader::open(movie.string());
+  if (!reader) return "unreadable: " + reader.error().message;
+  server::Size size = (*reader)->size();
+  std::string codec = (*reader)->codecName();
+  double last = 0;
+  long frames = 0;
+  for (;;) {
+    auto frame = (*reader)->next(std::nullopt);
+    if (!frame || !*frame) break;
+    ++frames;
+    if (std::isfinite((*frame)->seconds)) last = (*frame)->seconds;
+  }
+  char text[128];
+  // The last frame lasts until the next poll, a tenth of a second.
+  std::snprintf(text, sizeof text, "%s %dx%d, %.1f s, %ld frames", codec.c_str(), size.width, size.height,
+                frames ? last + 0.1 : 0.0, frames);
+  return text;
+}
+
+// The image picker half of the demo: picker-app takes a photo by itself (the automated-capture
+// setting), then records three seconds while the QR payload changes. Prints what came back;
+// false when something is missing.
+bool runPickerDemo(const fs::path& binDir, const fs::path& library, const fs::path& out) {
+  fs::path app = binDir / "picker-app";
+  fs::path photo = out / "picker-photo.jpg", movie = out / "picker-video.mp4";
+  std::error_code ec;
+  fs::remove(photo, ec);
+  fs::remove(movie, ec);
+
+  std::printf("\nrunning picker-app: an automated photo through UIImagePickerController\n");
+  std::fflush(stdout);
+  AppRun shot = runSampleApp(app, {"--action", "auto", "--media", "photo", "--save", photo.string()}, library,
+                             out / "picker-photo.log", 30, [](double) { return nullptr; });
+  std::printf("running picker-app: a 3 s recording\n");
+  std::fflush(stdout);
+  bool switched = false;
+  AppRun recording = runSampleApp(
+      app, {"--action", "record", "--media", "both", "--record-seconds", "3", "--save", movie.string()}, library,
+      out / "picker-video.log", 40, [&](double elapsed) {
+        // Half way through the recording: picker-app needs a moment for its first frame.
+        if (!switched && elapsed >= 2) {
+          switched = true;
+          switchPayload(kPickerPayload);
+        }
+        return "recording with picker-app...";
+      });
+
+  std::printf("\npicker-app received, through UIImagePickerController with ZerlanInject preloaded:\n");
+  bool ok = true;
+  auto report = [&](const char* label, const AppRun& run, const fs::path& file, const std::string& what) {
+    if (!run.error.empty()) {
+      std::printf("  %s  none: %s\n", label, run.error.c_str());
+      ok = false;
+    } else if (run.status != 0 || !fs::exists(file)) {
+      std::string why = run.result["error"].is_string() ? run.result["error"].get<std::string>() : "no file";
+      std::printf("  %s  none: %s\n", label, why.c_str());
+      ok = false;
+    } else {
+      std::printf("  %s  %s, saved to %s\n", label, what.c_str(), file.c_str());
+    }
+  };
+  auto size = [](const AppRun& run) {
+    const auto& r = run.result;
+    if (!r.is_object() || !r["imageWidth"].is_number()) return std::string("?");
+    return std::to_string(r["imageWidth"].get<int>()) + "x" + std::to_string(r["imageHeight"].get<int>()) + " JPEG";
+  };
+  report("photo       ", shot, photo, size(shot));
+  report("video       ", recording, movie, fs::exists(movie) ? describeMovie(movie) : "");
+  std::fflush(stdout);
+  if (!ok) fail("picker-app did not get everything (logs: " + (out / "picker-photo.log").string() + ", " +
+                (out / "picker-video.log").string() + ")");
+  return ok;
+}
+
 int runDemo(const DemoOptions& o) {
   std::error_code ec;
   fs::path self = platform::executablePath();
   if (platform::kSystemName != "Linux" || self.empty())
     return fail("runs on Linux only: it starts capture-app on fakesdk (on macOS use 'zerlan launch')");
   fs::path binDir = self.parent_path();
-  fs::path app = binDir / "capture-app";
   fs::path library = o.library.empty() ? binDir.parent_path() / "lib" / "libZerlanInject.so" : fs::path(o.library);
-  if (!fs::exists(app))
-    return fail(app.string() + " not found: build it with 'cmake --build build --target capture-app'");
+  for (const char* app : {"capture-app", "picker-app"})
+    if (!fs::exists(binDir / app))
+      return fail((binDir / app).string() + " not found: build it with 'cmake --build build --target " + app + "'");
   if (!fs::exists(library))
     return fail(library.string() + " not found: build it with 'cmake --build build --target ZerlanInject' or pass --library");
   library = fs::absolute(library);
@@ -249,78 +419,22 @@ int runDemo(const DemoOptions& o) {
   std::printf("frame server: zerlan serve on http://127.0.0.1:%u (test pattern, QR \"%s\")\n", kPort, kFirstPayload);
   std::fflush(stdout);
 
-  int appOut[2];
-  if (!platform::openPipe(appOut)) return fail(std::string("pipe: ") + std::strerror(errno));
-  int appLogFd = open(appLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (appLogFd < 0) return fail("cannot write " + appLog.string() + ": " + std::strerror(errno));
   char secondsText[32];
   std::snprintf(secondsText, sizeof secondsText, "%g", o.seconds);
   long photoAfterMs = std::lround(o.seconds * 250);
-  Child capture;
-  spawned = capture.spawn({app.string(), "--seconds", secondsText, "--photo-after-ms", std::to_string(photoAfterMs),
-                           "--save-photo", photoPath.string()},
-                          {"LD_PRELOAD=" + library.string()}, appOut[1], appLogFd, error);
-  close(appOut[1]);
-  close(appLogFd);
-  if (!spawned) {
-    close(appOut[0]);
-    return fail(error);
-  }
-
-  // The app's whole output is one JSON line, read as it comes so that a pipe never fills.
-  std::string appOutput;
-  auto started = Clock::now();
-  auto appDeadline = started + std::chrono::duration<double>(o.seconds + 15);
-  int reported = 0;
   bool switched = false;
-  bool appDone = false;
-  while (!appDone) {
-    pollfd fd{appOut[0], POLLIN, 0};
-    if (poll(&fd, 1, 100) > 0) {
-      char buffer[4096];
-      ssize_t n = read(appOut[0], buffer, sizeof buffer);
-      if (n > 0) appOutput.append(buffer, static_cast<size_t>(n));
-    }
-    appDone = capture.exited();
-    double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
-    if (!switched && elapsed >= o.seconds / 2) {
-      switched = true;
-      int status = httpStatus(kPort, "POST", "/control", nlohmann::json{{"qr", kSecondPayload}}.dump());
-      if (status == 200)
-        std::printf("switched the QR payload to \"%s\" (POST /control)\n", kSecondPayload);
-      else
-        std::printf("could not switch the QR payload: %s\n",
-                    status ? ("HTTP " + std::to_string(status)).c_str() : "no answer from the frame server");
-    }
-    if (!appDone && static_cast<int>(elapsed) > reported && elapsed <= o.seconds + 0.5) {
-      reported = static_cast<int>(elapsed);
-      std::printf("running capture-app with ZerlanInject... %ds\n", reported);
-    }
-    std::fflush(stdout);
-    if (!appDone && Clock::now() > appDeadline) {
-      capture.stop();
-      close(appOut[0]);
-      return fail("capture-app did not finish within " + std::to_string(static_cast<int>(o.seconds + 15)) +
-                  " s; its log is in " + appLog.string());
-    }
-  }
-  {
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(appOut[0], buffer, sizeof buffer)) > 0) appOutput.append(buffer, static_cast<size_t>(n));
-  }
-  close(appOut[0]);
-  server.stop();
-
-  nlohmann::ordered_json result;
-  try {
-    result = nlohmann::ordered_json::parse(appOutput);
-  } catch (const nlohmann::json::exception&) {
-    std::string how = capture.signal() ? "was killed by signal " + std::to_string(capture.signal())
-                                       : "exited with status " + std::to_string(capture.status());
-    return fail("capture-app " + how + " without a result; the end of its log (" + appLog.string() + "):\n" +
-                lastLines(readFile(appLog), 10));
-  }
+  AppRun capture = runSampleApp(
+      binDir / "capture-app",
+      {"--seconds", secondsText, "--photo-after-ms", std::to_string(photoAfterMs), "--save-photo", photoPath.string()},
+      library, appLog, o.seconds + 15, [&](double elapsed) {
+        if (!switched && elapsed >= o.seconds / 2) {
+          switched = true;
+          switchPayload(kSecondPayload);
+        }
+        return elapsed <= o.seconds + 0.5 ? "running capture-app with ZerlanInject..." : nullptr;
+      });
+  if (!capture.error.empty()) return fail(capture.error);
+  const nlohmann::ordered_json& result = capture.result;
   std::ofstream(resultPath) << result.dump(2) << "\n";
 
   auto number = [&](const char* key) { return result[key].is_number() ? result[key].get<double>() : 0.0; };
@@ -362,8 +476,9 @@ int runDemo(const DemoOptions& o) {
     return fail("the app did not get everything: " + what + " (logs: " + appLog.string() + ", " +
                 serveLog.string() + ")");
   }
-  if (capture.status() != 0) return fail("capture-app exited with status " + std::to_string(capture.status()));
-  std::printf("\ndemo complete: the app saw the camera\n");
+  if (capture.status != 0) return fail("capture-app exited with status " + std::to_string(capture.status));
+  if (!runPickerDemo(binDir, library, out)) return kExitRuntime;
+  std::printf("\ndemo complete: the apps saw the camera\n");
   return kExitOk;
 }
 
@@ -373,12 +488,14 @@ Command addDemo(CLI::App& zerlan) {
   auto o = std::make_shared<DemoOptions>();
   CLI::App* cmd = zerlan.add_subcommand(
       "demo",
-      "Linux: run the frame server and the sample app capture-app with ZerlanInject preloaded, "
-      "switch the QR payload half way through, and save what the app received.");
-  cmd->add_option("--seconds", o->seconds, "How long the app runs.")
+      "Linux: run the frame server and the sample apps with ZerlanInject preloaded: capture-app "
+      "(video, QR codes, a photo; the QR payload switches half way through), then picker-app (an "
+      "automated photo and a 3 s recording through UIImagePickerController), and save what they "
+      "received.");
+  cmd->add_option("--seconds", o->seconds, "How long capture-app runs.")
       ->capture_default_str()
       ->check(CLI::Range(1.0, 3600.0));
-  cmd->add_option("--out", o->out, "Folder for photo.jpg, result.json and the logs.")
+  cmd->add_option("--out", o->out, "Folder for photo.jpg, result.json, picker-photo.jpg, picker-video.mp4 and the logs.")
       ->capture_default_str()
       ->type_name("DIR");
   cmd->add_option("--library", o->library,

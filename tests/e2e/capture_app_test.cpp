@@ -184,6 +184,12 @@ TEST_F(ZerlanDemoTest, RunsServerAndAppAndLeavesTheResults)
     EXPECT_EQ("\xff\xd8", photo.substr(0, 2));
     EXPECT_NE(std::string::npos, demo.out.find("switched the QR payload to \"zerlan-demo-2\"")) << demo.out;
     EXPECT_NE(std::string::npos, demo.out.find((out / "photo.jpg").string())) << demo.out;
+    EXPECT_EQ("\xff\xd8", readFile(out / "picker-photo.jpg").substr(0, 2)) << "the picker's automated photo";
+    ProcessResult probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries",
+                                      "stream=codec_name,width,height", "-of", "csv=p=0",
+                                      (out / "picker-video.mp4").string()});
+    EXPECT_EQ("h264,640,480\n", probe.out) << "the picker's recording: one H.264 stream, no audio";
+    EXPECT_NE(std::string::npos, demo.out.find((out / "picker-video.mp4").string())) << demo.out;
     EXPECT_NE(200, http("GET", "/frame").status) << "the demo stops its server";
 }
 
