@@ -33,10 +33,14 @@ ifneq ($(shell uname -s),Darwin)
 endif
 	@bash scripts/ios-check
 
-demo: build
+# Only what the demo runs: the library, the frame server and the two sample apps.
+demo: configure
+	@cmake --build --preset $(PRESET) --target ZerlanInject zerlan capture-app picker-app
 	@$(BUILD)/bin/zerlan demo
 
-bench: build
+bench: configure
+	@bash scripts/setup --bench
+	@cmake --build --preset $(PRESET)
 	@bash bench/run
 
 clean:
