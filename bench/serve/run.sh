@@ -8,7 +8,7 @@
 # each is reported, with zerlan's share of nginx's rate.
 #
 # Usage: bench/serve/run.sh [--duration SECONDS] [--rounds N] [--zerlan PATH]
-# Needs: nginx, wrk, curl, python3 (scripts/setup installs them).
+# Needs: nginx, wrk, curl, python3 (scripts/setup --bench installs them).
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -29,7 +29,7 @@ while [ $# -gt 0 ]; do
 done
 
 for tool in nginx wrk curl python3; do
-  command -v "$tool" >/dev/null || { echo "bench/serve: $tool is missing: run scripts/setup" >&2; exit 1; }
+  command -v "$tool" >/dev/null || { echo "bench/serve: $tool is missing: run scripts/setup --bench (make bench does)" >&2; exit 1; }
 done
 [ -x "$zerlan" ] || { echo "bench/serve: $zerlan not found: build first (make build) or pass --zerlan" >&2; exit 1; }
 
