@@ -2,6 +2,7 @@
 // explains itself where there is no Simulator.
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
 #include <sstream>
 
 #include "Process.h"
@@ -67,6 +68,46 @@ TEST(Probe, MissingServerAndNonImageBodies) {
   EXPECT_EQ(5, line["bytes"]);
   EXPECT_TRUE(line["width"].is_null());
   EXPECT_TRUE(line["height"].is_null());
+}
+
+TEST(Probe, SaysWhereTheFrameWentAndSumsUpSeveralFetches) {
+  RunningServer running = startServer();
+  TempDir dir;
+  std::vector<std::string> argv = {ZERLAN_BIN, "probe", "--interval-ms", "0", "--port",
+                                   std::to_string(running.port()), "--count", "3", "--save",
+                                   dir.file("frame.jpg")};
+  auto run = zerlan::testing::runProcess(argv);
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find("saved the last frame to " + dir.file("frame.jpg"))) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("3 fetches: 3 frames, 0 without")) << run.out;
+
+  // A path that cannot be written is refused before anything is fetched, and nothing is made.
+  const std::string badPaths[] = {dir.file(""), dir.file("missing/frame.jpg")};
+  for (const std::string& bad : badPaths) {
+    argv.back() = bad;
+    auto refused = zerlan::testing::runProcess(argv);
+    EXPECT_EQ(2, refused.status) << bad;
+    EXPECT_NE(std::string::npos, refused.err.find("--save " + bad)) << refused.err;
+    EXPECT_EQ(std::string::npos, refused.out.find("fetch 1")) << refused.out;
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir.file("missing")));
+}
+
+TEST(Probe, TellsNoServerFromAServerThatGaveNoFrame) {
+  auto none = zerlan::testing::runProcess(
+      {ZERLAN_BIN, "probe", "--port", std::to_string(zerlan::testing::closedPort())});
+  EXPECT_EQ(1, none.status);
+  EXPECT_NE(std::string::npos, none.err.find("nothing listens")) << none.err;
+  EXPECT_NE(std::string::npos, none.err.find("zerlan serve")) << none.err;
+
+  zerlan::testing::ScriptedServer busy([](int fd) {
+    zerlan::testing::ScriptedServer::readHead(fd);
+    zerlan::testing::ScriptedServer::writeAll(fd, "HTTP/1.1 503 Service Unavailable\r\n\r\nno frame yet");
+    return true;
+  });
+  auto noFrame = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(busy.port())});
+  EXPECT_EQ(1, noFrame.status);
+  EXPECT_NE(std::string::npos, noFrame.err.find("although a server answers")) << noFrame.err;
 }
 
 TEST(Launch, OutsideMacOSItSaysWhatToUseInstead) {
