@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
       "zerlan: a working back camera for apps in the iOS Simulator, fed with frames "
       "from a server on this machine."};
   app.name("zerlan");
+  app.set_version_flag("--version", "zerlan " ZERLAN_VERSION);
   app.require_subcommand(1, 1);
   app.footer(kExitCodesHelp);
 

@@ -1,4 +1,6 @@
 // zerlan serve: runs the frame server until SIGINT or SIGTERM.
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -16,7 +18,7 @@ namespace {
 
 struct ServeOptions {
   std::string host = "127.0.0.1";
-  uint16_t port = server::kDefaultPort;
+  int port = server::kDefaultPort;
   std::string image;
   std::string dir;
   std::string video;
@@ -28,7 +30,16 @@ struct ServeOptions {
   double timeout = 5;
   unsigned threads = 0;
   CLI::Option* fpsOption = nullptr;
+  CLI::Option* sizeOption = nullptr;
 };
+
+// An address to listen on is an IP address (or localhost); a name that resolves elsewhere, or
+// a malformed number, is a mistake on the command line, not a runtime failure.
+bool isListenAddress(const std::string& host) {
+  unsigned char buffer[sizeof(in6_addr)];
+  return host == "localhost" || inet_pton(AF_INET, host.c_str(), buffer) == 1 ||
+         inet_pton(AF_INET6, host.c_str(), buffer) == 1;
+}
 
 // Many clients at once need many descriptors; the soft limit is often a low 1024.
 void raiseDescriptorLimit() {
@@ -40,6 +51,10 @@ void raiseDescriptorLimit() {
 }
 
 int runServe(const ServeOptions& o) {
+  if (!isListenAddress(o.host))
+    return usageError("serve", "--host " + o.host +
+                                   " is not an IP address: use 127.0.0.1 (the default), ::1, or 0.0.0.0 "
+                                   "for every interface");
   server::FrameSettings settings;
   settings.qr = o.qr;
   settings.fps = o.fps;
@@ -61,13 +76,18 @@ int runServe(const ServeOptions& o) {
       choice.kind != server::SourceChoice::Kind::Dir) {
     log("note: --fps paces the pattern and --dir; this source keeps its own pace");
   }
+  if (o.sizeOption->count() > 0 &&
+      (choice.kind == server::SourceChoice::Kind::Image || choice.kind == server::SourceChoice::Kind::Dir)) {
+    log("note: --size applies to pictures that are converted (PNG and others); JPEG files are served "
+        "unchanged, at their own size");
+  }
 
   auto source = server::openSource(choice, settings);
   if (!source) return usageError("serve", source.error().message);
 
   server::ServerOptions options;
   options.host = o.host;
-  options.port = o.port;
+  options.port = static_cast<uint16_t>(o.port);
   options.threads = o.threads;
   options.timeout = std::chrono::milliseconds(static_cast<int64_t>(std::llround(o.timeout * 1000)));
 
@@ -118,9 +138,11 @@ Command addServe(CLI::App& zerlan) {
                   "opens the control API, to other machines.")
       ->capture_default_str();
   cmd->add_option("--port", o->port,
-                  "Port to listen on; the injected library always uses 47654. 0 picks a free "
-                  "port and prints it in the start line.")
-      ->capture_default_str();
+                  "Port to listen on, 0 to 65535; the injected library uses 47654 unless the app "
+                  "was started with ZERLAN_FRAME_PORT. 0 picks a free port and prints it in the "
+                  "start line.")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 65535));
 
   auto* image = cmd->add_option("--image", o->image,
                                 "Serve one picture: a JPEG byte for byte; PNG and other "
@@ -147,7 +169,7 @@ Command addServe(CLI::App& zerlan) {
       cmd->add_option("--fps", o->fps, "Frames per second of the test pattern and of --dir.")
           ->capture_default_str()
           ->check(CLI::Range(0.01, server::kMaxFps));
-  cmd->add_option("--size", o->size,
+  o->sizeOption = cmd->add_option("--size", o->size,
                   "Size of generated frames as WIDTHxHEIGHT: the pattern (default 640x480), "
                   "video frames and converted pictures (default: their own size). JPEG files "
                   "are served unchanged.")

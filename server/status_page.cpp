@@ -35,7 +35,7 @@ std::string_view statusPageHtml() {
       <tr><th>Frames served</th><td id="frames_served">…</td></tr>
       <tr><th>Requests</th><td id="requests">…</td></tr>
       <tr><th>Requests/s</th><td id="rps">…</td></tr>
-      <tr><th>Clients</th><td id="clients">…</td></tr>
+      <tr><th title="Connections open right now: fetches in progress and clients still sending or reading">Open connections</th><td id="clients">…</td></tr>
       <tr><th>Errors</th><td id="errors">…</td></tr>
       <tr><th>Uptime</th><td id="uptime">…</td></tr>
     </table>

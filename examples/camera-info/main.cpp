@@ -52,10 +52,28 @@ nlohmann::ordered_json describe(id device)
     return out;
 }
 
+constexpr const char *kUsage =
+    "usage: camera-info\n"
+    "\n"
+    "Looks for a camera as an app does at start: the default video device, the device with the\n"
+    "injected camera's unique ID, and a discovery session for back wide-angle cameras. Prints one\n"
+    "JSON object: defaultDevice (name, uniqueID, position, deviceType, formats, width, height,\n"
+    "subtype; null when there is none), byUniqueID, discovered.\n"
+    "Exit status: 0, also when no camera is found (the JSON says so); 2 for a bad command line.\n";
+
 } // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+        std::fprintf(stderr, "camera-info: unknown argument %s (try --help)\n", arg.c_str());
+        return 2;
+    }
     AutoreleasePool pool;
     id deviceClass = cls("AVCaptureDevice");
     id device = send<id>(deviceClass, sel<"defaultDeviceWithMediaType:">(), AVMediaTypeVideo);

@@ -146,7 +146,10 @@ TEST(Cli, ExitCodesForCommandLines) {
       {{"serve", "--size", "big"}, 2, "is not WIDTHxHEIGHT"},
       {{"serve", "--quality", "0"}, 2, "--quality"},
       {{"serve", "--fps", "0"}, 2, "--fps"},
-      {{"serve", "--port", "70000"}, 2, "--port"},
+      {{"serve", "--port", "70000"}, 2, "not in range 0 to 65535"},
+      {{"serve", "--host", "999.1.1.1"}, 2, "is not an IP address"},
+      {{"serve", "--host", "camera.example"}, 2, "is not an IP address"},
+      {{"--version"}, 0, ""},
       {{"serve", "--qr", ""}, 2, "QR payload is empty"},
   };
   for (const Case& c : cases) {
