@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 using namespace fakeobjc;
@@ -47,6 +48,8 @@ struct LayerState {
     CGPoint position = {0, 0};
     CGPoint anchorPoint = {0.5, 0.5};
     double cornerRadius = 0;
+    double borderWidth = 0;
+    CGColorRef borderColor = nullptr; // retained
     double contentsScale = 1;
     float opacity = 1;
     bool masksToBounds = false;
@@ -58,6 +61,7 @@ struct LayerState {
     {
         objc_release(contents);
         objc_release(contentsGravity);
+        CGColorRelease(borderColor);
         for (id layer : sublayers)
             objc_release(layer);
     }
@@ -195,6 +199,18 @@ template <typename T, T LayerState::*Field> void setField(id self, SEL, T value)
     st.*Field = value;
 }
 
+void setBorderColor(id self, SEL, CGColorRef color)
+{
+    LayerState &st = gSlot.get(self);
+    CGColorRetain(color);
+    CGColorRef old;
+    {
+        std::lock_guard<std::mutex> guard(st.lock);
+        old = std::exchange(st.borderColor, color);
+    }
+    CGColorRelease(old);
+}
+
 void removeFromSuperlayer(id self, SEL)
 {
     LayerState &st = gSlot.get(self);
@@ -294,6 +310,10 @@ __attribute__((constructor)) void declareCALayer()
         .method("setFrame:", setFrame)
         .method("cornerRadius", getField<double, &LayerState::cornerRadius>)
         .method("setCornerRadius:", setField<double, &LayerState::cornerRadius>)
+        .method("borderWidth", getField<double, &LayerState::borderWidth>)
+        .method("setBorderWidth:", setField<double, &LayerState::borderWidth>)
+        .method("borderColor", getField<CGColorRef, &LayerState::borderColor>)
+        .method("setBorderColor:", setBorderColor)
         .method("contentsScale", getField<double, &LayerState::contentsScale>)
         .method("setContentsScale:", setField<double, &LayerState::contentsScale>)
         .method("opacity", getField<float, &LayerState::opacity>)

@@ -2,6 +2,8 @@
 // exported UIFontWeight constants.
 #include "UIKitPrivate.h"
 
+#include <utility>
+
 #include <cmath>
 #include <cstdio>
 
@@ -19,8 +21,23 @@ UIKIT_EXPORT const double UIFontWeightBlack = double(0.62f);
 namespace uik {
 namespace {
 
+// The CGColor a UIColor hands out (+0, owned by the colour). Copying a state leaves the copy's
+// cache empty, so no two states own one CGColor.
+struct CachedCGColor {
+    CGColorRef color = nullptr;
+    CachedCGColor() = default;
+    CachedCGColor(const CachedCGColor &) {}
+    CachedCGColor &operator=(const CachedCGColor &)
+    {
+        CGColorRelease(std::exchange(color, nullptr));
+        return *this;
+    }
+    ~CachedCGColor() { CGColorRelease(color); }
+};
+
 struct ColorState {
     double red = 0, green = 0, blue = 0, alpha = 0;
+    CachedCGColor cgColor;
 };
 
 struct FontState {
@@ -38,7 +55,7 @@ id colorInitRGBA(id self, SEL, double red, double green, double blue, double alp
 {
     self = fakeobjc::msgSuper<id>(objc_getClass("UIColor"), self, "init");
     if (self)
-        gColorSlot.get(self) = ColorState{red, green, blue, alpha};
+        gColorSlot.get(self) = ColorState{red, green, blue, alpha, {}};
     return self;
 }
 
@@ -146,6 +163,14 @@ id colorDescription(id self, SEL)
 id colorCopy(id self, SEL, void *)
 {
     return objc_retain(self);
+}
+
+CGColorRef colorCGColor(id self, SEL)
+{
+    ColorState &s = gColorSlot.get(self);
+    if (!s.cgColor.color)
+        s.cgColor.color = CGColorCreateSRGB(s.red, s.green, s.blue, s.alpha);
+    return s.cgColor.color;
 }
 
 void colorDealloc(id self, SEL)
@@ -263,6 +288,7 @@ __attribute__((constructor)) void declareColorAndFont()
         .method("hash", colorHash)
         .method("description", colorDescription)
         .method("copyWithZone:", colorCopy)
+        .method("CGColor", colorCGColor)
         .method("dealloc", colorDealloc)
         .stateIvar()
         .registerWith(gColorSlot);

@@ -174,7 +174,7 @@ void buildViews(id self)
     id layer = send<id>(capture, sel<"layer">());
     send<void>(layer, sel<"setCornerRadius:">(), CGFloat(36));
     id rim = send<id>(cls("UIColor"), sel<"colorWithWhite:alpha:">(), CGFloat(1.0), CGFloat(0.65));
-    send<void>(layer, sel<"setBorderColor:">(), send<id>(rim, sel<"CGColor">()));
+    send<void>(layer, sel<"setBorderColor:">(), send<CGColorRef>(rim, sel<"CGColor">()));
     send<void>(layer, sel<"setBorderWidth:">(), CGFloat(5));
     send<void>(capture, sel<"addTarget:action:forControlEvents:">(), self, sel<"captureTapped">(), kTouchUpInside);
     send<void>(capture, sel<"setEnabled:">(), YES);

@@ -130,6 +130,24 @@ CG_EXTERN CGColorSpaceRef CGColorSpaceRetain(CGColorSpaceRef space);
 CG_EXTERN void CGColorSpaceRelease(CGColorSpaceRef space);
 CG_EXTERN size_t CGColorSpaceGetNumberOfComponents(CGColorSpaceRef space);
 
+// ---- CGColor.h
+
+typedef struct CGColor *CGColorRef;
+
+CG_EXTERN CFTypeID CGColorGetTypeID(void);
+// +1; NULL-safe Retain/Release. Components are the space's, then alpha.
+CG_EXTERN CGColorRef CGColorCreate(CGColorSpaceRef space, const CGFloat *components);
+CG_EXTERN CGColorRef CGColorCreateGenericGray(CGFloat gray, CGFloat alpha);
+CG_EXTERN CGColorRef CGColorCreateGenericRGB(CGFloat red, CGFloat green, CGFloat blue, CGFloat alpha);
+CG_EXTERN CGColorRef CGColorCreateSRGB(CGFloat red, CGFloat green, CGFloat blue, CGFloat alpha);
+CG_EXTERN CGColorRef CGColorRetain(CGColorRef color);
+CG_EXTERN void CGColorRelease(CGColorRef color);
+CG_EXTERN bool CGColorEqualToColor(CGColorRef color1, CGColorRef color2);
+CG_EXTERN size_t CGColorGetNumberOfComponents(CGColorRef color);
+CG_EXTERN const CGFloat *CGColorGetComponents(CGColorRef color);
+CG_EXTERN CGFloat CGColorGetAlpha(CGColorRef color);
+CG_EXTERN CGColorSpaceRef CGColorGetColorSpace(CGColorRef color);
+
 // ---- CGImage.h
 
 typedef struct CGImage *CGImageRef;
