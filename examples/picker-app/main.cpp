@@ -352,16 +352,18 @@ int main(int argc, char **argv)
             send<void>(picker.get(), sel<"setVideoMaximumDuration:">(), options->maxSeconds);
         send<void>(picker.get(), sel<"setDelegate:">(), delegate.get());
 
-        bool shown = false;
-        bool *presentedFlag = &shown;
+        // The tester looks at the screen as soon as it is up, before its first frame can arrive.
+        Run *tester = &run;
+        std::string *presentedName = &presented;
+        id presenter = root.get();
         send<void>(root.get(), sel<"presentViewController:animated:completion:">(), picker.get(), YES, ^{
-            *presentedFlag = true;
+            id screen = send<id>(presenter, sel<"presentedViewController">());
+            *presentedName = class_getName(object_getClass(screen));
+            tester->screen.emplace(screen);
+            tester->noteStatus();
         });
-        if (!run.until([&] { return shown; }))
+        if (!run.until([&] { return run.screen.has_value(); }))
             throw std::string("the picker was never presented");
-        id screen = send<id>(root.get(), sel<"presentedViewController">());
-        presented = class_getName(object_getClass(screen));
-        run.screen.emplace(screen);
 
         error = act(run, *options);
         if (!error) {
@@ -391,8 +393,8 @@ int main(int argc, char **argv)
     out["captureModes"] = captureModes;
     out["result"] = gOutcome.result ? nlohmann::ordered_json(*gOutcome.result) : nlohmann::ordered_json(nullptr);
     CGSize size = send<CGSize>(gOutcome.image.get(), sel<"size">());
-    out["imageWidth"] = gOutcome.image ? nlohmann::ordered_json(size.width) : nlohmann::ordered_json(nullptr);
-    out["imageHeight"] = gOutcome.image ? nlohmann::ordered_json(size.height) : nlohmann::ordered_json(nullptr);
+    out["imageWidth"] = gOutcome.image ? nlohmann::ordered_json(int(size.width)) : nlohmann::ordered_json(nullptr);
+    out["imageHeight"] = gOutcome.image ? nlohmann::ordered_json(int(size.height)) : nlohmann::ordered_json(nullptr);
     std::string moviePath = gOutcome.movieURL ? text(send<id>(gOutcome.movieURL.get(), sel<"path">())) : "";
     out["movieURL"] = gOutcome.movieURL ? nlohmann::ordered_json(text(send<id>(gOutcome.movieURL.get(), sel<"absoluteString">())))
                                         : nlohmann::ordered_json(nullptr);

@@ -56,7 +56,8 @@ TEST_F(PickerAppTest, WithTheLibraryButNoServerTheAppSaysWhatIsMissing)
     EXPECT_EQ(true, run.out["sourceTypeAvailable"]);
     EXPECT_EQ("ZerlanVirtualImagePickerViewController", run.out["presented"]);
     EXPECT_NE(std::string::npos, run.out["error"].get<std::string>().find("zerlan serve")) << run.out["error"];
-    EXPECT_EQ(nlohmann::json::array({"Connecting to Zerlan…", "Waiting for Zerlan camera feed…"}), run.out["statusTexts"]);
+    EXPECT_EQ(nlohmann::json::array({"Connecting to Zerlan…", "Waiting for Zerlan camera feed…"}), run.out["statusTexts"])
+        << "what the screen said, in order";
 }
 
 TEST_F(PickerAppTest, PhotosAreTakenByTapOrByTheHarnessAndCancelIsReported)
@@ -90,7 +91,9 @@ TEST_F(PickerAppTest, PhotosAreTakenByTapOrByTheHarnessAndCancelIsReported)
             EXPECT_EQ(640, out["imageWidth"]);
             EXPECT_EQ(480, out["imageHeight"]);
             EXPECT_EQ("\xff\xd8", readFile(saved).substr(0, 2));
-            EXPECT_EQ("Tap to capture", out["statusTexts"].back()) << out["statusTexts"];
+            // A tap needs the ready screen; the automated capture takes the first frame at once.
+            if (std::string(c.action) == "photo")
+                EXPECT_EQ("Tap to capture", out["statusTexts"].back()) << out["statusTexts"];
         }
     }
 }
