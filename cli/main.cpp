@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "cli/command.h"
+#include "cli/version.h"
 
 namespace zerlan::cli {
 
