@@ -10,9 +10,13 @@ namespace zerlan::server {
 
 struct Error {
   std::string message;
+  int status = 400;  // the HTTP status it answers with, where it reaches a client
 };
 
 inline Error fail(std::string message) { return Error{std::move(message)}; }
+
+// A request that is well formed but cannot apply to the server's current state.
+inline Error conflict(std::string message) { return Error{std::move(message), 409}; }
 
 template <class T>
 class [[nodiscard]] Result {

@@ -214,6 +214,15 @@ Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
     source = std::move(opened.value());
   }
 
+  // The code is drawn by the test pattern; on a picture, a folder or a video it would change
+  // nothing the app sees.
+  auto servedKind = choice ? std::optional(choice->kind) : producer.kind();
+  if (qr && servedKind != SourceChoice::Kind::Pattern) {
+    return conflict("the QR payload is drawn on the test pattern only, and the server is serving " +
+                    (source ? sourceSummary(*source, next) : producer.description()) +
+                    ": switch to the pattern first ({\"source\": \"pattern\"}), or send both at once");
+  }
+
   // Everything checked: apply it all.
   uint64_t version = settings.update([&](FrameSettings& s) {
     s.qr = next.qr;
@@ -280,8 +289,9 @@ void Server::Impl::controlLoop() {
     } else {
       requests.add();
       errors.add();
-      errorLog("400 for POST /control: " + result.error().message);
-      response = http::response(400, "application/json",
+      int code = result.error().status;
+      errorLog(std::to_string(code) + " for POST /control: " + result.error().message);
+      response = http::response(code, "application/json",
                                 dumpJson({{"error", result.error().message}}) + "\n");
     }
     job.reply(std::move(response));

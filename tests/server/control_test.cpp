@@ -137,6 +137,25 @@ TEST(Control, BadRequestsChangeNothing) {
   EXPECT_EQ(s.log->count("source changed"), 0u);
 }
 
+TEST(Control, TheQrPayloadIsRefusedWhereNoPatternIsServed) {
+  TempDir dir;
+  const std::string photo = dir.write("photo.jpg", solidJpeg(64, 48, {0, 0, 255}));
+  auto s = startServer(SourceChoice::image(photo));
+  ASSERT_TRUE(s.server);
+  for (const std::string& body :
+       {json{{"qr", "lost"}}.dump(), json{{"qr", "lost"}, {"source", {{"dir", dir.path().string()}}}}.dump()}) {
+    json reply = postControl(s.port(), body, 409);
+    EXPECT_NE(reply.value("error", "").find("test pattern only"), std::string::npos) << reply;
+  }
+  json refused = postControl(s.port(), json{{"qr", "lost"}}.dump(), 409);
+  EXPECT_NE(refused.value("error", "").find("photo.jpg"), std::string::npos) << "names what is served: " << refused;
+  EXPECT_EQ(s.server->status()["source_kind"], "image") << "nothing changed";
+
+  json both = postControl(s.port(), json{{"source", "pattern"}, {"qr", "back"}}.dump(), 200);
+  EXPECT_EQ(both["qr"], "back");
+  EXPECT_EQ(readQr(get(s.port(), "/frame").body), "back");
+}
+
 TEST(Control, ApiAnswersLikeHttp) {
   auto s = startServer();
   ASSERT_TRUE(s.server);
