@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <array>
 #include <cerrno>
 #include <cmath>
@@ -331,8 +332,13 @@ class StreamSource final : public Source {
 
   SourceChoice::Kind kind() const override { return SourceChoice::Kind::Stdin; }
   std::string description() const override {
-    return fd_ == STDIN_FILENO ? "MJPEG stream on standard input"
-                               : "MJPEG stream on file descriptor " + std::to_string(fd_);
+    std::string text = fd_ == STDIN_FILENO ? "MJPEG stream on standard input"
+                                           : "MJPEG stream on file descriptor " + std::to_string(fd_);
+    uint64_t skipped = skipped_.load(std::memory_order_relaxed), bad = badFrames_.load(std::memory_order_relaxed);
+    if (skipped || bad)
+      text += " (" + std::to_string(skipped) + " bytes outside any JPEG skipped, " + std::to_string(bad) +
+              " frames that are no JPEG)";
+    return text;
   }
 
   void run(const StopSignal& stop, SourceContext& ctx) override {
@@ -352,6 +358,7 @@ class StreamSource final : public Source {
       std::vector<char> buffer(1 << 16);
       uint64_t received = 0;
       int badReported = 0;
+      bool warnedNotMjpeg = false;
       while (!stop.requested()) {
         pollfd fds[2] = {{fd_, POLLIN, 0}, {wake, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
@@ -370,10 +377,19 @@ class StreamSource final : public Source {
           break;
         }
         auto images = splitter.feed(std::string_view(buffer.data(), static_cast<size_t>(n)));
+        skipped_.store(splitter.skippedBytes(), std::memory_order_relaxed);
+        // Input that never starts a JPEG is most likely another format: say what is expected.
+        if (!received && !warnedNotMjpeg && splitter.skippedBytes() >= kNotMjpegAfter) {
+          warnedNotMjpeg = true;
+          ctx.log("standard input does not look like an MJPEG stream (" + std::to_string(splitter.skippedBytes()) +
+                  " bytes without a JPEG): --stdin expects concatenated JPEG images, for example "
+                  "ffmpeg -i INPUT -f mjpeg - | zerlan serve --stdin");
+        }
         // Only the newest image of a batch matters: each one replaces the one before.
         for (auto it = images.rbegin(); it != images.rend(); ++it) {
           auto size = jpegSize(*it);
           if (!size) {
+            badFrames_.fetch_add(1, std::memory_order_relaxed);
             if (badReported++ < 5)
               ctx.log("skipping a frame of the MJPEG stream: " + size.error().message);
             continue;
@@ -390,6 +406,10 @@ class StreamSource final : public Source {
 
  private:
   int fd_;
+  // What /status shows of input that is not an MJPEG stream.
+  std::atomic<uint64_t> skipped_{0};
+  std::atomic<uint64_t> badFrames_{0};
+  static constexpr uint64_t kNotMjpegAfter = 64 * 1024;
 };
 
 Result<std::unique_ptr<Source>> openPattern(const FrameSettings& settings) {

@@ -226,6 +226,28 @@ TEST(Sources, StreamFramesReplaceEachOther) {
   ::close(fds[0]);
 }
 
+TEST(Sources, AStreamThatIsNoMjpegSaysWhatWasExpectedAndIsCounted) {
+  int fds[2];
+  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  auto s = startServer(SourceChoice::stream(fds[0]));
+  ASSERT_TRUE(s.server);
+  // A PNG stream: plenty of bytes, none of them a JPEG.
+  TempDir dir;
+  const std::string png = readFile(makePng(dir, "frame.png", 640, 480, kGreen));
+  std::string input;
+  while (input.size() < 100 * 1024) input += png;
+  ASSERT_TRUE(sendAll(fds[1], input));
+  EXPECT_TRUE(s.log->waitFor("does not look like an MJPEG stream", in(5s)));
+  EXPECT_TRUE(s.log->contains("ffmpeg -i INPUT -f mjpeg -"));
+  EXPECT_EQ(s.log->count("does not look like an MJPEG stream"), 1u) << "said once";
+  EXPECT_NE(s.server->status()["source"].get<std::string>().find("bytes outside any JPEG skipped"), std::string::npos)
+      << s.server->status()["source"];
+  EXPECT_EQ(get(s.port(), "/frame").status, 503);
+  s.server->stop();
+  ::close(fds[1]);
+  ::close(fds[0]);
+}
+
 TEST(Sources, BadSourcesAreRefusedWithAClearError) {
   TempDir dir;
   const std::string text = dir.write("notes.txt", "just some words, no picture here");
