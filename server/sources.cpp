@@ -465,6 +465,14 @@ Result<std::unique_ptr<Source>> openVideo(const std::string& path, const FrameSe
   auto first = (*reader)->next(settings.size);
   if (!first) return first.error();
   if (!first->has_value()) return fail(path + " has no video frames");
+  // A picture opens as a one-frame video; played as one it would stop at once.
+  auto second = (*reader)->next(settings.size);
+  if (second && !second->has_value())
+    return fail(path + " is a still picture, not a video: serve it with --image (or {\"image\": PATH})");
+  if (auto rewound = (*reader)->rewind(); !rewound) return rewound.error();
+  first = (*reader)->next(settings.size);
+  if (!first) return first.error();
+  if (!first->has_value()) return fail(path + " has no video frames");
   return std::unique_ptr<Source>(
       new VideoSource(path, std::move(reader.value()), std::move(first->value()), settings.size));
 }

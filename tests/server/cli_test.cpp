@@ -141,6 +141,7 @@ TEST(Cli, ExitCodesForCommandLines) {
       {{"serve", "--image", dir.file("missing.jpg")}, 2, "missing.jpg does not exist"},
       {{"serve", "--image", text}, 2, "is not an image"},
       {{"serve", "--dir", text}, 2, "is not a folder"},
+      {{"serve", "--video", dir.write("still.jpg", solidJpeg(64, 48, {0, 0, 255}))}, 2, "serve it with --image"},
       {{"serve", "--image", text, "--dir", dir.path().string()}, 2, "excludes"},
       {{"serve", "--size", "10x10"}, 2, "out of range"},
       {{"serve", "--size", "big"}, 2, "is not WIDTHxHEIGHT"},
