@@ -548,6 +548,9 @@ void workerLoop(WriterState *s)
 
 bool writerStartWriting(id self, SEL)
 {
+    // Apple's writer keeps its encoder to itself; libx264's statistics would fill the app's log.
+    static std::once_flag quiet;
+    std::call_once(quiet, [] { av_log_set_level(AV_LOG_ERROR); });
     WriterState &s = gWriterSlot.get(self);
     std::lock_guard guard(s.lock);
     if (s.status != kUnknown)
