@@ -168,7 +168,7 @@ Command addServe(CLI::App& zerlan) {
   o->fpsOption =
       cmd->add_option("--fps", o->fps, "Frames per second of the test pattern and of --dir.")
           ->capture_default_str()
-          ->check(CLI::Range(0.01, server::kMaxFps));
+          ->check(CLI::Range(server::kMinFps, server::kMaxFps));
   o->sizeOption = cmd->add_option("--size", o->size,
                   "Size of generated frames as WIDTHxHEIGHT: the pattern (default 640x480), "
                   "video frames and converted pictures (default: their own size). JPEG files "

@@ -4,9 +4,35 @@
 
 namespace zerlan::server {
 
+std::string escapeControls(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  auto hex = [&](unsigned char c) {
+    static const char digits[] = "0123456789abcdef";
+    out += "\\x";
+    out += digits[c >> 4];
+    out += digits[c & 15];
+  };
+  for (size_t i = 0; i < text.size(); ++i) {
+    auto c = static_cast<unsigned char>(text[i]);
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c < 0x20 || c == 0x7f) {
+      hex(c);
+    } else if (c == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+               static_cast<unsigned char>(text[i + 1]) <= 0x9f) {
+      hex(c);
+      hex(static_cast<unsigned char>(text[++i]));
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
 Logger stderrLogger(std::string prefix) {
   return [prefix = std::move(prefix)](const std::string& line) {
-    std::string out = prefix + line + "\n";
+    std::string out = prefix + escapeControls(line) + "\n";
     const char* p = out.data();
     size_t left = out.size();
     while (left > 0) {

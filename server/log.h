@@ -4,13 +4,19 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace zerlan::server {
 
 using Logger = std::function<void(const std::string& line)>;
 
 // Writes "<prefix><line>\n" to standard error with a single write, so lines from different
-// threads never interleave.
+// threads never interleave. Control characters in the line are escaped (see escapeControls).
 Logger stderrLogger(std::string prefix);
+
+// The text with every control character written as \xNN (C0, DEL and the C1 controls in their
+// UTF-8 form) and backslashes doubled: a QR payload or a path from a client can neither forge a
+// log line nor send escape sequences to the terminal. Other UTF-8 text stays as it is.
+std::string escapeControls(std::string_view text);
 
 }  // namespace zerlan::server

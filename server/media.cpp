@@ -28,6 +28,24 @@ void quietLibav() {
   std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
 }
 
+// What a camera feed can be made of. Anything else is refused before FFmpeg reads it: among its
+// demuxers are some that render any text file (.asc, .nfo, .ans, ...) as video, and a control
+// request may name any path, so an open list would let a client read the host's files as frames.
+constexpr const char* kFormats =
+    "mov,matroska,avi,mpegts,flv,mpeg,ogg,asf,ivf,yuv4mpegpipe,h264,hevc,gif,mjpeg,image2,image2pipe,"
+    "jpeg_pipe,png_pipe,bmp_pipe,webp_pipe,tiff_pipe,gif_pipe,ppm_pipe,pgm_pipe,pbm_pipe,pam_pipe";
+constexpr const char* kDecoders =
+    "h264,hevc,mpeg4,mpeg1video,mpeg2video,h263,flv,vp8,vp9,libvpx,libvpx-vp9,av1,libdav1d,libaom-av1,"
+    "prores,theora,msmpeg4,wmv3,rawvideo,mjpeg,png,apng,bmp,gif,webp,tiff,ppm,pgm,pbm,pam";
+
+AVDictionary* openOptions() {
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "format_whitelist", kFormats, 0);
+  av_dict_set(&options, "codec_whitelist", kDecoders, 0);
+  av_dict_set(&options, "protocol_whitelist", "file", 0);
+  return options;
+}
+
 }  // namespace
 
 struct MediaReader::State {
@@ -55,8 +73,14 @@ Result<std::unique_ptr<MediaReader>> MediaReader::open(const std::string& path) 
   reader->s_ = std::make_unique<State>();
   State& s = *reader->s_;
   s.path = path;
-  if (int rc = avformat_open_input(&s.format, path.c_str(), nullptr, nullptr); rc < 0) {
-    return fail("cannot open " + path + ": " + averror(rc));
+  AVDictionary* options = openOptions();
+  int opened = avformat_open_input(&s.format, path.c_str(), nullptr, &options);
+  av_dict_free(&options);
+  if (opened < 0) {
+    // A whitelist refusal reads as "Invalid data": say what is accepted instead.
+    return fail("cannot open " + path + ": " + averror(opened) +
+                " (pictures: JPEG, PNG, BMP, GIF, WebP, TIFF, PNM; videos: MP4, MOV, MKV, WebM, AVI, MPEG, "
+                "FLV, Ogg)");
   }
   if (int rc = avformat_find_stream_info(s.format, nullptr); rc < 0) {
     return fail("cannot read " + path + ": " + averror(rc));
@@ -71,7 +95,11 @@ Result<std::unique_ptr<MediaReader>> MediaReader::open(const std::string& path) 
   s.frame = av_frame_alloc();
   if (!s.codec || !s.packet || !s.frame) return fail("out of memory opening " + path);
   avcodec_parameters_to_context(s.codec, s.format->streams[s.stream]->codecpar);
-  if (int rc = avcodec_open2(s.codec, decoder, nullptr); rc < 0) {
+  AVDictionary* codecOptions = nullptr;
+  av_dict_set(&codecOptions, "codec_whitelist", kDecoders, 0);
+  int rcOpen = avcodec_open2(s.codec, decoder, &codecOptions);
+  av_dict_free(&codecOptions);
+  if (int rc = rcOpen; rc < 0) {
     return fail("cannot decode " + path + " (" + decoder->name + "): " + averror(rc));
   }
   return reader;

@@ -187,7 +187,9 @@ Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
     } else if (key == "fps") {
       if (!value.is_number()) return fail("\"fps\" must be a number");
       double f = value.get<double>();
-      if (!(f > 0 && f <= kMaxFps)) return fail("\"fps\" must be more than 0 and at most 120");
+      // The command line's range: faster burns a core for nothing, and a folder's schedule
+      // would overflow on a rate near zero.
+      if (!(f >= kMinFps && f <= kMaxFps)) return fail("\"fps\" must be from 0.01 to 120");
       fps = f;
     } else if (key == "source") {
       auto parsed = parseSourceChoice(value);
@@ -265,23 +267,21 @@ void Server::Impl::controlLoop() {
       jobs.pop_front();
     }
     std::string response;
-    nlohmann::json body = nlohmann::json::parse(job.body, nullptr, false);
     Result<nlohmann::json> result = fail("");
     if (job.body.empty()) {
       result = fail("the control body is empty: send JSON such as {\"qr\": \"hello\"}");
-    } else if (body.is_discarded()) {
+    } else {
+      // Any JSON error, not only a syntax error: a number too large for a double is refused
+      // with out_of_range, which must not end the server.
       try {
-        (void)nlohmann::json::parse(job.body);
-        result = fail("the control body is not valid JSON");
-      } catch (const nlohmann::json::parse_error& e) {
+        result = control(nlohmann::json::parse(job.body));
+      } catch (const nlohmann::json::exception& e) {
         // what() starts with the library's "[json.exception.parse_error.101] " tag.
         std::string what = e.what();
         size_t tag = what.find("] ");
         if (tag != std::string::npos) what.erase(0, tag + 2);
         result = fail("the control body is not valid JSON: " + what);
       }
-    } else {
-      result = control(body);
     }
     if (result) {
       requests.add();

@@ -20,6 +20,7 @@
 
 namespace zerlan::server {
 
+inline constexpr double kMinFps = 0.01;
 inline constexpr double kMaxFps = 120;
 
 struct FrameSettings {
