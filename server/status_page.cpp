@@ -43,10 +43,22 @@ std::string_view statusPageHtml() {
       <label>New QR payload <input id="qrtext" size="24"></label>
       <button>Set</button>
     </form>
+    <form id="sourceform">
+      <label>Source
+        <select id="kind">
+          <option value="pattern">test pattern</option>
+          <option value="image">image file</option>
+          <option value="dir">folder of images</option>
+          <option value="video">video file</option>
+        </select></label>
+      <input id="path" size="28" placeholder="path on this machine">
+      <button>Switch</button>
+    </form>
     <div id="message"></div>
     <p>Frames: <code>GET /frame</code> · figures: <code>GET /status</code> ·
        switch: <code>POST /control</code> with <code>{"qr": "text"}</code> or
-       <code>{"source": {"image": "/path/photo.jpg"}}</code></p>
+       <code>{"source": {"image": "/path/photo.jpg"}}</code>. Paths are read on the machine that runs
+       zerlan serve, relative to the folder it was started in.</p>
   </section>
 </main>
 <script>
@@ -61,6 +73,8 @@ nextFrame();
 
 function show(s) {
   $("source").textContent = s.source;
+  // The QR payload is drawn by the test pattern only.
+  $("qrform").hidden = s.source_kind !== "pattern";
   $("qr").textContent = s.qr;
   $("frame").textContent = s.frame;
   $("size").textContent = s.width + "×" + s.height + ", " + s.bytes + " bytes";
@@ -83,15 +97,22 @@ async function poll() {
 }
 poll();
 
-$("qrform").onsubmit = async (ev) => {
-  ev.preventDefault();
+async function control(request) {
   const r = await fetch("/control", {
     method: "POST",
     headers: { "Content-Type": "application/json" },
-    body: JSON.stringify({ qr: $("qrtext").value }),
+    body: JSON.stringify(request),
   });
   const body = await r.json();
   if (r.ok) show(body); else $("message").textContent = body.error;
+}
+$("qrform").onsubmit = (ev) => { ev.preventDefault(); control({ qr: $("qrtext").value }); };
+$("kind").onchange = () => { $("path").hidden = $("kind").value === "pattern"; };
+$("kind").onchange();
+$("sourceform").onsubmit = (ev) => {
+  ev.preventDefault();
+  const kind = $("kind").value;
+  control({ source: kind === "pattern" ? "pattern" : { [kind]: $("path").value } });
 };
 </script>
 </body>
