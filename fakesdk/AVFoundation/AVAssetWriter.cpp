@@ -437,6 +437,10 @@ bool openEncoder(WriterState &s, const InputState &input, std::string &reason)
     // encoder is never holding more than the frame it is on.
     av_opt_set(s.encoder->priv_data, "preset", "veryfast", 0);
     av_opt_set(s.encoder->priv_data, "tune", "zerolatency", 0);
+    // Camera frames come at no fixed rate, so the bit rate is shared out by their timestamps. Left
+    // to its constant-rate default, libx264 takes the 1/90000 s time base for the frame rate and
+    // gives each real frame a few bits: a movie of flat grey.
+    av_opt_set(s.encoder->priv_data, "x264-params", "force-cfr=0", 0);
     if ((rc = avcodec_open2(s.encoder, codec, nullptr)) < 0 ||
         (rc = avcodec_parameters_from_context(s.stream->codecpar, s.encoder)) < 0) {
         reason = ffmpegError(rc);

@@ -4,10 +4,14 @@
 #include "PickerTestSupport.h"
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
 
+#include <cmath>
+#include <cstring>
 #include <filesystem>
+#include <vector>
 
 using namespace picker_test;
 namespace fs = std::filesystem;
@@ -47,6 +51,57 @@ Movie probe(const std::string &path)
     return movie;
 }
 
+// The luma plane of the movie's last picture, decoded; empty when there is none.
+std::vector<uint8_t> lastPicture(const std::string &path, int *width)
+{
+    std::vector<uint8_t> luma;
+    AVFormatContext *format = nullptr;
+    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) != 0)
+        return luma;
+    avformat_find_stream_info(format, nullptr);
+    const AVCodec *codec = nullptr;
+    int stream = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+    AVCodecContext *decoder = stream >= 0 ? avcodec_alloc_context3(codec) : nullptr;
+    if (decoder && avcodec_parameters_to_context(decoder, format->streams[stream]->codecpar) >= 0 &&
+        avcodec_open2(decoder, codec, nullptr) >= 0) {
+        AVPacket *packet = av_packet_alloc();
+        AVFrame *frame = av_frame_alloc();
+        auto drain = [&] {
+            while (avcodec_receive_frame(decoder, frame) >= 0) {
+                *width = frame->width;
+                luma.resize(size_t(frame->width) * frame->height);
+                for (int y = 0; y < frame->height; ++y)
+                    std::memcpy(&luma[size_t(y) * frame->width], frame->data[0] + y * frame->linesize[0],
+                                size_t(frame->width));
+            }
+        };
+        while (av_read_frame(format, packet) >= 0) {
+            if (packet->stream_index == stream && avcodec_send_packet(decoder, packet) >= 0)
+                drain();
+            av_packet_unref(packet);
+        }
+        avcodec_send_packet(decoder, nullptr);
+        drain();
+        av_frame_free(&frame);
+        av_packet_free(&packet);
+    }
+    avcodec_free_context(&decoder);
+    avformat_close_input(&format);
+    return luma;
+}
+
+// Mean absolute difference between a picture's luma and the canvas's (BT.601, video range).
+double lumaDistance(const std::vector<uint8_t> &luma, const Canvas &canvas)
+{
+    double total = 0;
+    for (size_t i = 0; i < luma.size(); ++i) {
+        const uint8_t *p = &canvas.rgb[i * 3];
+        double y = 16 + (65.481 * p[0] + 128.553 * p[1] + 24.966 * p[2]) / 255;
+        total += std::abs(luma[i] - y);
+    }
+    return total / double(luma.size());
+}
+
 std::string pathOf(id url)
 {
     return text(send<id>(url, sel<"path">()));
@@ -58,9 +113,8 @@ protected:
     {
         if (ZerlanFetchJPEG())
             GTEST_SKIP() << "something else answers on 127.0.0.1:47654";
-        Canvas c(640, 480, kGreen);
-        c.qr("recording", 200, 100);
-        server_ = std::make_unique<FrameServer>(c.jpeg());
+        canvas_.qr("recording", 200, 100);
+        server_ = std::make_unique<FrameServer>(canvas_.jpeg());
         ASSERT_TRUE(server_->waitUntilServing());
     }
 
@@ -104,6 +158,7 @@ protected:
         return send<id>(delegate_->calls[call].info.get(), sel<"objectForKey:">(), UIImagePickerControllerMediaURL);
     }
 
+    Canvas canvas_{640, 480, kGreen};
     std::unique_ptr<FrameServer> server_;
     Delegate delegate_;
     PickerApp app_;
@@ -156,6 +211,11 @@ TEST_F(PickerRecording, TwoTapsRecordAnH264MovieOfWhatWasShown)
     // (plus the last frame's own 0.1 s), and a 1.2 s recording holds more than one frame.
     EXPECT_LE(movie.seconds, recorded + 0.15);
     EXPECT_GE(movie.seconds, 0.2);
+    // And it shows the feed: the served picture, within what H.264 at this bit rate loses.
+    int width = 0;
+    std::vector<uint8_t> picture = lastPicture(file, &width);
+    ASSERT_EQ(640u * 480u, picture.size()) << "width " << width;
+    EXPECT_LT(lumaDistance(picture, canvas_), 6.0);
 
     // Dismissing the picker later leaves the delivered movie alone.
     __block bool gone = false;
