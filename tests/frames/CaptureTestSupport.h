@@ -278,7 +278,7 @@ inline bool drainMainQueue(double seconds = 5)
     });
 }
 
-// ---- The frame server on 127.0.0.1:47654 (tests that use it hold the frame_port lock)
+// ---- The frame server on 127.0.0.1:47654 (tests that use it run in a network namespace of their own)
 
 class FrameServer {
 public:
@@ -314,7 +314,7 @@ public:
     }
 
     // Whether this server answered with its picture before the deadline (another process on the
-    // port, from a test run outside this one's resource lock, answers with something else).
+    // port answers with something else).
     bool waitUntilServing(double seconds = 10)
     {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
