@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 extern "C" {
 extern id const AVCaptureSessionPresetPhoto;
@@ -30,6 +31,7 @@ struct SessionState {
     std::atomic<bool> running = false;
     Ref preset;
     int configurationDepth = 0;
+    std::vector<std::string> received; // selectors whose implementation here ran, in order
 };
 
 fakeobjc::StateSlot<SessionState> gSessionSlot;
@@ -37,6 +39,16 @@ fakeobjc::StateSlot<SessionState> gSessionSlot;
 SessionState *state(id self)
 {
     return gSessionSlot.peek(self);
+}
+
+// Every public method notes that it ran, for AVCaptureSessionCopyReceivedMessages_np: the one way a
+// test can see a message reach the framework when it changes nothing visible. Noted under the
+// method's own name, whatever selector reached it (an exchange may have renamed it).
+void received(id self, const char *selector)
+{
+    SessionState &s = gSessionSlot.get(self);
+    std::lock_guard guard(s.lock);
+    s.received.emplace_back(selector);
 }
 
 std::vector<id> snapshot(SessionState &s, std::vector<Ref> SessionState::*list)
@@ -179,6 +191,7 @@ void refreshOutputs(id self)
 
 bool canAddInput(id self, SEL, id input)
 {
+    received(self, "canAddInput:");
     return inputRefusal(self, input) == nullptr;
 }
 
@@ -203,16 +216,19 @@ void addInputCommon(id self, id input, const char *selector, bool withConnection
 
 void addInput(id self, SEL, id input)
 {
+    received(self, "addInput:");
     addInputCommon(self, input, "addInput:", true);
 }
 
 void addInputWithNoConnections(id self, SEL, id input)
 {
+    received(self, "addInputWithNoConnections:");
     addInputCommon(self, input, "addInputWithNoConnections:", false);
 }
 
 void removeInput(id self, SEL, id input)
 {
+    received(self, "removeInput:");
     SessionState *s = state(self);
     if (!s || !input || !contains(*s, &SessionState::inputs, input))
         return;
@@ -235,6 +251,7 @@ void removeInput(id self, SEL, id input)
 
 id inputs(id self, SEL)
 {
+    received(self, "inputs");
     SessionState *s = state(self);
     return array(s ? snapshot(*s, &SessionState::inputs) : std::vector<id>{});
 }
@@ -243,6 +260,7 @@ id inputs(id self, SEL)
 
 bool canAddOutput(id self, SEL, id output)
 {
+    received(self, "canAddOutput:");
     return outputRefusal(self, output) == nullptr;
 }
 
@@ -269,16 +287,19 @@ void addOutputCommon(id self, id output, const char *selector, bool withConnecti
 
 void addOutput(id self, SEL, id output)
 {
+    received(self, "addOutput:");
     addOutputCommon(self, output, "addOutput:", true);
 }
 
 void addOutputWithNoConnections(id self, SEL, id output)
 {
+    received(self, "addOutputWithNoConnections:");
     addOutputCommon(self, output, "addOutputWithNoConnections:", false);
 }
 
 void removeOutput(id self, SEL, id output)
 {
+    received(self, "removeOutput:");
     SessionState *s = state(self);
     if (!s || !output || !contains(*s, &SessionState::outputs, output))
         return;
@@ -292,6 +313,7 @@ void removeOutput(id self, SEL, id output)
 
 id outputs(id self, SEL)
 {
+    received(self, "outputs");
     SessionState *s = state(self);
     return array(s ? snapshot(*s, &SessionState::outputs) : std::vector<id>{});
 }
@@ -325,11 +347,13 @@ const char *connectionRefusal(id self, id connection)
 
 bool canAddConnection(id self, SEL, id connection)
 {
+    received(self, "canAddConnection:");
     return connectionRefusal(self, connection) == nullptr;
 }
 
 void addConnection(id self, SEL, id connection)
 {
+    received(self, "addConnection:");
     if (const char *reason = connectionRefusal(self, connection))
         fakeobjc::raiseFormat("NSInvalidArgumentException", "*** -[AVCaptureSession addConnection:] %s", reason);
     attachConnection(self, connection);
@@ -343,6 +367,7 @@ void addConnection(id self, SEL, id connection)
 
 void removeConnection(id self, SEL, id connection)
 {
+    received(self, "removeConnection:");
     SessionState *s = state(self);
     if (!s || !connection || !contains(*s, &SessionState::connections, connection))
         return;
@@ -353,6 +378,7 @@ void removeConnection(id self, SEL, id connection)
 
 id connections(id self, SEL)
 {
+    received(self, "connections");
     SessionState *s = state(self);
     return array(s ? snapshot(*s, &SessionState::connections) : std::vector<id>{});
 }
@@ -361,6 +387,7 @@ id connections(id self, SEL)
 
 void startRunning(id self, SEL)
 {
+    received(self, "startRunning");
     SessionState &s = gSessionSlot.get(self);
     s.running = true;
     refreshOutputs(self);
@@ -368,6 +395,7 @@ void startRunning(id self, SEL)
 
 void stopRunning(id self, SEL)
 {
+    received(self, "stopRunning");
     SessionState *s = state(self);
     if (!s)
         return;
@@ -378,22 +406,26 @@ void stopRunning(id self, SEL)
 
 bool isRunning(id self, SEL)
 {
+    received(self, "isRunning");
     SessionState *s = state(self);
     return s && s->running;
 }
 
 bool isInterrupted(id self, SEL)
 {
+    received(self, "isInterrupted");
     return false;
 }
 
 void beginConfiguration(id self, SEL)
 {
+    received(self, "beginConfiguration");
     ++gSessionSlot.get(self).configurationDepth;
 }
 
 void commitConfiguration(id self, SEL)
 {
+    received(self, "commitConfiguration");
     SessionState &s = gSessionSlot.get(self);
     if (s.configurationDepth > 0 && --s.configurationDepth == 0)
         refreshOutputs(self);
@@ -414,6 +446,7 @@ const PresetSize kPresetSizes[] = {
 
 bool canSetSessionPreset(id self, SEL, id preset)
 {
+    received(self, "canSetSessionPreset:");
     if (!preset)
         return false;
     for (id flexible : {AVCaptureSessionPresetHigh, AVCaptureSessionPresetMedium, AVCaptureSessionPresetLow,
@@ -445,6 +478,7 @@ bool canSetSessionPreset(id self, SEL, id preset)
 
 id sessionPreset(id self, SEL)
 {
+    received(self, "sessionPreset");
     SessionState *s = state(self);
     if (!s)
         return nullptr;
@@ -454,6 +488,7 @@ id sessionPreset(id self, SEL)
 
 void setSessionPreset(id self, SEL, id preset)
 {
+    received(self, "setSessionPreset:");
     if (!msg<bool>(self, "canSetSessionPreset:", preset))
         fakeobjc::raiseFormat("NSInvalidArgumentException", "*** -[AVCaptureSession setSessionPreset:] Unsupported "
                                                             "session preset: %s",
@@ -550,6 +585,19 @@ void sessionDetachConnection(id session, id connection)
 } // namespace avf
 
 using namespace avf;
+
+AVF_EXPORT id AVCaptureSessionCopyReceivedMessages_np(id session)
+{
+    std::vector<std::string> names;
+    if (SessionState *s = session ? gSessionSlot.peek(session) : nullptr) {
+        std::lock_guard guard(s->lock);
+        names = s->received;
+    }
+    std::vector<id> out;
+    for (const std::string &name : names)
+        out.push_back(str(name.c_str()));
+    return objc_retain(array(out));
+}
 
 AVF_EXPORT id AVCaptureSessionCopyOutputConnections_np(id session)
 {

@@ -130,14 +130,18 @@ void ZerlanFrameClient::consume(id image)
         }
     });
 
+    // The delegate and its queue are read together, before anything else runs: an app that
+    // switches both while the frame is converted must never see its old delegate called on the
+    // new queue. The queue is retained so that the switch cannot free it under us.
     Strong<> output = videoOutput_.load();
     id delegate = output ? objc_getAssociatedObject(output, &kVideoDelegateKey) : nil;
+    Strong<> queue = output ? Strong<>::retain(objc_getAssociatedObject(output, &kVideoQueueKey)) : Strong<>();
     if (output && delegate) {
+        Strong<> target = Strong<>::retain(delegate);
         Strong<> connection = Strong<>::retain(ZerlanConnectionForOutput(output));
         long orientation = send<long>(connection.get(), sel<"videoOrientation">());
         if (CMSampleBufferRef buffer = ZerlanCreateSampleBuffer(image, orientation)) {
-            Strong<> target = Strong<>::retain(delegate);
-            dispatch_async(queueOr(objc_getAssociatedObject(output, &kVideoQueueKey)), ^{
+            dispatch_async(queueOr(queue.get()), ^{
                 AutoreleasePool pool;
                 send<void>(target.get(), sel<"captureOutput:didOutputSampleBuffer:fromConnection:">(), output.get(),
                            buffer, connection.get());

@@ -282,6 +282,34 @@ TEST_F(AVFoundationTest, SessionWithoutInputsRunsAndItsOutputsStayUnconnected)
         objc_release(o);
 }
 
+TEST_F(AVFoundationTest, SessionNotesWhatReachedItsOwnMethodsUnderTheirOwnNames)
+{
+    auto received = [](id session) {
+        id names = AVCaptureSessionCopyReceivedMessages_np(session);
+        std::vector<std::string> out;
+        for (unsigned long i = 0; i < count(names); ++i)
+            out.push_back(text(send(names, "objectAtIndex:", i)));
+        objc_release(names);
+        return out;
+    };
+    id session = make("AVCaptureSession");
+    EXPECT_EQ(received(session), std::vector<std::string>{}) << "init is not noted";
+    send<void>(session, "stopRunning");
+    send<void>(session, "removeInput:", id(nil));
+    send<bool>(session, "canAddInput:", id(nil));
+    // Reached under another selector, as an exchanged method is: noted under its own name.
+    SEL renamed = sel_registerName("renamedStartRunning");
+    class_addMethod(object_getClass(session), renamed,
+                    class_getMethodImplementation(object_getClass(session), sel_registerName("startRunning")), "v@:");
+    send<void>(session, "renamedStartRunning");
+    EXPECT_EQ(received(session), (std::vector<std::string>{"stopRunning", "removeInput:", "canAddInput:", "startRunning"}));
+    id other = make("AVCaptureSession");
+    EXPECT_EQ(received(other), std::vector<std::string>{}) << "each session its own";
+    EXPECT_EQ(received(nil), std::vector<std::string>{});
+    objc_release(other);
+    objc_release(session);
+}
+
 // Instances no initialiser ran on (the library fabricates such objects) answer zeros and never raise.
 TEST_F(AVFoundationTest, BareInstancesAnswerNilZeroAndNo)
 {

@@ -147,7 +147,8 @@ struct Call {
 
 struct Recording {
     std::mutex lock;
-    std::vector<Call> samples, metadata, photos;
+    // others: any capture callback but the three above (the older photo delegate's).
+    std::vector<Call> samples, metadata, photos, others;
 
     size_t size(std::vector<Call> Recording::*calls)
     {
@@ -177,7 +178,25 @@ void record(id self, SEL, id output, Second second, id third)
                            dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL)});
 }
 
-// One delegate class with all three callbacks, and one that knows only an older photo callback.
+// The photo callback that iOS 11 superseded, and the capture-start callback: an older photo
+// delegate's.
+inline void recordOlderPhoto(id self, SEL, id output, CMSampleBufferRef photo, CMSampleBufferRef, id, id, id error)
+{
+    Recording *r = *ivarPointer<Recording *>(self, "_recording");
+    std::lock_guard guard(r->lock);
+    r->others.push_back({output, error, Strong<>::retain(bridge(photo)), 0, gettid() == getpid(),
+                         dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL)});
+}
+
+inline void recordWillBegin(id self, SEL, id output, id resolvedSettings)
+{
+    Recording *r = *ivarPointer<Recording *>(self, "_recording");
+    std::lock_guard guard(r->lock);
+    r->others.push_back({output, nil, Strong<>::retain(resolvedSettings), 0, gettid() == getpid(),
+                         dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL)});
+}
+
+// One delegate class with all three callbacks, and one that knows only older photo callbacks.
 inline Class recorderClass(bool photoCallback)
 {
     static Class full, partial;
@@ -193,9 +212,14 @@ inline Class recorderClass(bool photoCallback)
             if (withPhoto)
                 class_addMethod(c, sel_registerName("captureOutput:didFinishProcessingPhoto:error:"),
                                 imp(record<&Recording::photos, id>), "v@:@@@");
-            else
+            else {
                 class_addMethod(c, sel_registerName("captureOutput:willBeginCaptureForResolvedSettings:"),
-                                imp(record<&Recording::metadata, id>), "v@:@@");
+                                imp(recordWillBegin), "v@:@@");
+                class_addMethod(c,
+                                sel_registerName("captureOutput:didFinishProcessingPhotoSampleBuffer:"
+                                                 "previewPhotoSampleBuffer:resolvedSettings:bracketSettings:error:"),
+                                imp(recordOlderPhoto), "v@:@^{opaqueCMSampleBuffer=}^{opaqueCMSampleBuffer=}@@@");
+            }
             objc_registerClassPair(c);
             return c;
         };
@@ -278,7 +302,7 @@ inline bool drainMainQueue(double seconds = 5)
     });
 }
 
-// ---- The frame server on 127.0.0.1:47654 (tests that use it hold the frame_port lock)
+// ---- The frame server on 127.0.0.1:47654 (tests that use it run in a network namespace of their own)
 
 class FrameServer {
 public:
@@ -314,7 +338,7 @@ public:
     }
 
     // Whether this server answered with its picture before the deadline (another process on the
-    // port, from a test run outside this one's resource lock, answers with something else).
+    // port answers with something else).
     bool waitUntilServing(double seconds = 10)
     {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);

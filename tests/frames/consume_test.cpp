@@ -125,6 +125,86 @@ TEST_F(ConsumeTest, DeliveryFollowsTheLatestDelegateAndOutput)
     EXPECT_EQ(1u, video_->size(&Recording::samples));
 }
 
+// The app switches its video delegate and queue while a frame is being converted. The fabricated
+// connection's orientation is read in the middle of consumption; a connection that makes the
+// switch when asked puts it exactly there, which no scheduling can.
+struct DelegateSwitch {
+    id output, delegate;
+    dispatch_queue_t queue;
+};
+DelegateSwitch gSwitch;
+
+long switchDelegateThenAnswer(id self, SEL selector)
+{
+    send<void>(gSwitch.output, sel<"setSampleBufferDelegate:queue:">(), gSwitch.delegate, gSwitch.queue);
+    return sendSuper<long>(object_getClass(self), self, selector);
+}
+
+TEST_F(ConsumeTest, EachDelegateIsCalledOnTheQueueGivenWithIt)
+{
+    Strong<> output = app_.add("AVCaptureVideoDataOutput");
+    Strong<> before = serialQueue("test.before"), after = serialQueue("test.after");
+    Recorder replacement;
+    send<void>(output.get(), sel<"setSampleBufferDelegate:queue:">(), video_.get(), queue(before));
+
+    id connection = AppSession::connectionOf(output);
+    Class plain = object_getClass(connection);
+    static Class switching = [] {
+        Class c = objc_allocateClassPair(objc_getClass("AVCaptureConnection"), "ConsumeTestSwitchingConnection", 0);
+        class_addMethod(c, sel_registerName("videoOrientation"), imp(switchDelegateThenAnswer), "q@:");
+        objc_registerClassPair(c);
+        return c;
+    }();
+    gSwitch = {output.get(), replacement.get(), queue(after)};
+    object_setClass(connection, switching);
+    consume(plain_);
+    object_setClass(connection, plain);
+
+    ASSERT_TRUE(runMainUntil(5, [&] {
+        return video_->size(&Recording::samples) + replacement->size(&Recording::samples) == 1;
+    }));
+    dispatch_sync(queue(before), ^{
+    });
+    dispatch_sync(queue(after), ^{
+    });
+    for (const Call &call : video_->copy(&Recording::samples))
+        EXPECT_EQ("test.before", call.queue) << "the delegate read before the switch, with its own queue";
+    for (const Call &call : replacement->copy(&Recording::samples))
+        EXPECT_EQ("test.after", call.queue) << "the delegate read after the switch, with its own queue";
+    EXPECT_EQ(1u, video_->size(&Recording::samples) + replacement->size(&Recording::samples));
+}
+
+TEST_F(ConsumeTest, OutputsTheAppFreesAreNotKeptAndGetNothing)
+{
+    Strong<> q = serialQueue("test.freed");
+    Weak video, metadata;
+    {
+        AutoreleasePool inner;
+        AppSession app;
+        Strong<> v = app.add("AVCaptureVideoDataOutput");
+        send<void>(v.get(), sel<"setSampleBufferDelegate:queue:">(), video_.get(), queue(q));
+        Strong<> m = app.add("AVCaptureMetadataOutput");
+        send<void>(m.get(), sel<"setMetadataObjectsDelegate:queue:">(), metadata_.get(), queue(q));
+        consume(codeFrame(payloadFor("registered")));
+        ASSERT_TRUE(runMainUntil(5, [&] {
+            return video_->size(&Recording::samples) == 1 && metadata_->size(&Recording::metadata) == 1;
+        })) << "both outputs were registered";
+        dispatch_sync(queue(q), ^{
+        });
+        video.store(v);
+        metadata.store(m);
+    }
+    EXPECT_FALSE(video.load()) << "the frame client holds the video data output weakly";
+    EXPECT_FALSE(metadata.load()) << "the frame client holds the metadata output weakly";
+
+    consume(codeFrame(payloadFor("after")));
+    ASSERT_TRUE(drainMainQueue());
+    dispatch_sync(queue(q), ^{
+    });
+    EXPECT_EQ(1u, video_->size(&Recording::samples));
+    EXPECT_EQ(1u, metadata_->size(&Recording::metadata));
+}
+
 TEST_F(ConsumeTest, LayersGetEachFrameOnceOnTheMainThread)
 {
     Strong<> a = allocInit<"init">("AVCaptureVideoPreviewLayer");
@@ -162,8 +242,20 @@ TEST_F(ConsumeTest, PreviewLayerSessions)
     Strong<> other = allocInit<"init">("AVCaptureVideoPreviewLayer");
     send<void>(other.get(), sel<"setSession:">(), real.get());
     EXPECT_EQ(real.get(), send<id>(other.get(), sel<"session">()));
+
+    // So does nil: the system clears the layer's session, and the layer is painted all the same.
+    Strong<> cleared = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    send<void>(cleared.get(), sel<"setSession:">(), real.get());
+    send<void>(cleared.get(), sel<"setSession:">(), static_cast<id>(nil));
+    EXPECT_EQ(nil, send<id>(cleared.get(), sel<"session">()));
+    Strong<> never = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    send<void>(never.get(), sel<"setSession:">(), static_cast<id>(nil));
+
     consume(plain_);
-    EXPECT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(other) == 1; }));
+    EXPECT_TRUE(runMainUntil(5, [&] {
+        return CALayerContentsSetCount_np(other) == 1 && CALayerContentsSetCount_np(never) == 1 &&
+               CALayerContentsSetCount_np(cleared) == 1;
+    }));
 }
 
 TEST_F(ConsumeTest, OneMetadataCallPerChangeOfPayload)
@@ -214,6 +306,30 @@ TEST_F(ConsumeTest, TwoCodesInViewAlternate)
     ASSERT_TRUE(payloads[0] == left || payloads[0] == right) << payloads[0];
     std::string other = payloads[0] == left ? right : left;
     EXPECT_EQ((std::vector<std::string>{payloads[0], other, payloads[0], other}), payloads);
+}
+
+TEST_F(ConsumeTest, MetadataObjectsOutliveTheCallThatHandsThemOut)
+{
+    Strong<> output = app_.add("AVCaptureMetadataOutput");
+    Strong<> q = serialQueue("test.metadata");
+    send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), metadata_.get(), queue(q));
+    consume(codeFrame(payloadFor("kept")));
+    ASSERT_TRUE(runMainUntil(5, [&] { return metadata_->size(&Recording::metadata) == 1; }));
+    dispatch_sync(queue(q), ^{
+    });
+
+    // The delegate lets go of the array it was given: the library keeps the object itself.
+    Weak array, object;
+    {
+        std::lock_guard guard(metadata_->lock);
+        array.store(metadata_->metadata[0].object);
+        object.store(objectAtIndex(metadata_->metadata[0].object, 0));
+        metadata_->metadata.clear();
+    }
+    EXPECT_FALSE(array.load()) << "nothing else holds the array";
+    Strong<> kept = object.load();
+    ASSERT_TRUE(kept) << "the metadata object is kept for the life of the process";
+    EXPECT_EQ(payloadFor("kept"), text(send<id>(kept.get(), sel<"stringValue">())));
 }
 
 TEST_F(ConsumeTest, MetadataObjectKeepsACopyOfItsPayload)

@@ -96,6 +96,19 @@ TEST_F(PollTest, BytesThatAreNoImageReachNobody)
     EXPECT_EQ(0, CALayerContentsSetCount_np(layer_));
 }
 
+TEST_F(PollTest, PollingNeedsNothingFromTheMainThread)
+{
+    // A fetch blocks for as long as the server takes: on the main queue it would freeze the app.
+    // This thread stands for a busy main thread and never runs its loop, yet polling goes on.
+    GarbageServer server;
+    ASSERT_TRUE(server.bound()) << "port 47654 is busy";
+    send<void>(app_.session.get(), sel<"startRunning">());
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (server.served() < 3 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_GE(server.served(), 3) << "poll cycles, and the pauses between them, ran without the main queue";
+}
+
 TEST_F(PollTest, OneChainFeedsEveryReceiverAndKeepsTheLastGoodFrame)
 {
     std::string payload = "poll-" + std::to_string(getpid());

@@ -1,8 +1,14 @@
 // Installation as a loaded library leaves it: every row exchanged in place, the zerlan_ selectors
 // reaching the framework, a missing method skipping only its own row, the debug switch fixed.
+#include "inject/Connections.h"
 #include "inject/Diagnostics.h"
+#include "inject/FakeDevice.h"
 #include "inject/Install.h"
 #include "inject/Registry.h"
+#include "picker/Interception.h"
+#include "session/Outputs.h"
+#include "session/Photo.h"
+#include "session/Session.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +28,6 @@ Method lookUp(const ZerlanExchangeRow &row, const std::string &selector)
 
 TEST(InstallTest, EveryRowIsExchangedInPlace)
 {
-    ASSERT_GE(ZerlanExchangeTable().size(), 16u);
     for (const ZerlanExchangeRow &row : ZerlanExchangeTable()) {
         if (row.kind == ZerlanRowKind::added) {
             // The class now has a method of its own, typed as the one it used to inherit.
@@ -46,45 +51,87 @@ TEST(InstallTest, EveryRowIsExchangedInPlace)
     EXPECT_NE(nullptr, gRetainedFakeObjects) << "the retained-object list exists from load on";
 }
 
-TEST(InstallTest, TheTableStartsWithTheDeviceRowsInOrder)
+TEST(InstallTest, TheTableIsExactlyTheInterceptedMethodsInInstallOrder)
 {
-    const char *expected[] = {"defaultDeviceWithMediaType:", "deviceWithUniqueID:", "localizedName", "uniqueID",
-                              "position", "deviceType", "formats", "activeFormat", "setActiveFormat:", "hasFlash",
-                              "hasTorch", "isFocusPointOfInterestSupported", "isExposurePointOfInterestSupported",
-                              "lockForConfiguration:", "unlockForConfiguration", "devices"};
-    auto table = ZerlanExchangeTable();
-    for (size_t i = 0; i < std::size(expected); ++i)
-        EXPECT_STREQ(expected[i], table[i].selector) << "row " << i + 1;
-}
-
-TEST(InstallTest, ThePickerRowsCloseTheTableWithTheDismissalAddedBeforePresentation)
-{
+    // Install order matters (the dismissal is added before presentation is exchanged), and each
+    // row must name the replacement written for its own selector.
     struct Expected {
         const char *className, *selector;
         ZerlanRowKind kind;
+        IMP implementation;
     } const expected[] = {
-        {"UIImagePickerController", "isSourceTypeAvailable:", ZerlanRowKind::classMethod},
-        {"UIImagePickerController", "isCameraDeviceAvailable:", ZerlanRowKind::classMethod},
-        {"UIImagePickerController", "availableMediaTypesForSourceType:", ZerlanRowKind::classMethod},
-        {"UIImagePickerController", "availableCaptureModesForCameraDevice:", ZerlanRowKind::classMethod},
-        {"UIImagePickerController", "isFlashAvailableForCameraDevice:", ZerlanRowKind::classMethod},
-        {"UIImagePickerController", "setSourceType:", ZerlanRowKind::instance},
-        {"UIImagePickerController", "sourceType", ZerlanRowKind::instance},
-        {"UIImagePickerController", "setCameraDevice:", ZerlanRowKind::instance},
-        {"UIImagePickerController", "cameraDevice", ZerlanRowKind::instance},
-        {"UIImagePickerController", "setCameraCaptureMode:", ZerlanRowKind::instance},
-        {"UIImagePickerController", "cameraCaptureMode", ZerlanRowKind::instance},
-        {"UIImagePickerController", "dismissViewControllerAnimated:completion:", ZerlanRowKind::added},
-        {"UIViewController", "presentViewController:animated:completion:", ZerlanRowKind::instance},
+        {"AVCaptureDevice", "defaultDeviceWithMediaType:", ZerlanRowKind::classMethod, imp(zerlan_defaultDeviceWithMediaType)},
+        {"AVCaptureDevice", "deviceWithUniqueID:", ZerlanRowKind::classMethod, imp(zerlan_deviceWithUniqueID)},
+        {"AVCaptureDevice", "localizedName", ZerlanRowKind::instance, imp(zerlan_localizedName)},
+        {"AVCaptureDevice", "uniqueID", ZerlanRowKind::instance, imp(zerlan_uniqueID)},
+        {"AVCaptureDevice", "position", ZerlanRowKind::instance, imp(zerlan_position)},
+        {"AVCaptureDevice", "deviceType", ZerlanRowKind::instance, imp(zerlan_deviceType)},
+        {"AVCaptureDevice", "formats", ZerlanRowKind::instance, imp(zerlan_formats)},
+        {"AVCaptureDevice", "activeFormat", ZerlanRowKind::instance, imp(zerlan_activeFormat)},
+        {"AVCaptureDevice", "setActiveFormat:", ZerlanRowKind::instance, imp(zerlan_setActiveFormat)},
+        {"AVCaptureDevice", "hasFlash", ZerlanRowKind::instance, imp(zerlan_hasFlash)},
+        {"AVCaptureDevice", "hasTorch", ZerlanRowKind::instance, imp(zerlan_hasTorch)},
+        {"AVCaptureDevice", "isFocusPointOfInterestSupported", ZerlanRowKind::instance, imp(zerlan_isFocusPointOfInterestSupported)},
+        {"AVCaptureDevice", "isExposurePointOfInterestSupported", ZerlanRowKind::instance, imp(zerlan_isExposurePointOfInterestSupported)},
+        {"AVCaptureDevice", "lockForConfiguration:", ZerlanRowKind::instance, imp(zerlan_lockForConfiguration)},
+        {"AVCaptureDevice", "unlockForConfiguration", ZerlanRowKind::instance, imp(zerlan_unlockForConfiguration)},
+        {"AVCaptureDeviceDiscoverySession", "devices", ZerlanRowKind::instance, imp(zerlan_devices)},
+        {"AVCaptureDeviceInput", "initWithDevice:error:", ZerlanRowKind::instance, imp(zerlan_initWithDevice_error)},
+        {"AVCaptureDeviceInput", "ports", ZerlanRowKind::instance, imp(zerlan_ports)},
+        {"AVCaptureConnection", "initWithInputPorts:output:", ZerlanRowKind::instance, imp(zerlan_initWithInputPorts_output)},
+        {"AVCaptureConnection", "isVideoOrientationSupported", ZerlanRowKind::instance, imp(zerlan_isVideoOrientationSupported)},
+        {"AVCaptureConnection", "isVideoMirroringSupported", ZerlanRowKind::instance, imp(zerlan_isVideoMirroringSupported)},
+        {"AVCaptureConnection", "videoOrientation", ZerlanRowKind::instance, imp(zerlan_videoOrientation)},
+        {"AVCaptureConnection", "setVideoOrientation:", ZerlanRowKind::instance, imp(zerlan_setVideoOrientation)},
+        {"AVCaptureOutput", "connections", ZerlanRowKind::instance, imp(zerlan_connections)},
+        {"AVCaptureOutput", "connectionWithMediaType:", ZerlanRowKind::instance, imp(zerlan_connectionWithMediaType)},
+        {"AVCaptureSession", "canAddInput:", ZerlanRowKind::instance, imp(zerlan_canAddInput)},
+        {"AVCaptureSession", "addInput:", ZerlanRowKind::instance, imp(zerlan_addInput)},
+        {"AVCaptureSession", "canAddOutput:", ZerlanRowKind::instance, imp(zerlan_canAddOutput)},
+        {"AVCaptureSession", "addOutput:", ZerlanRowKind::instance, imp(zerlan_addOutput)},
+        {"AVCaptureSession", "startRunning", ZerlanRowKind::instance, imp(zerlan_startRunning)},
+        {"AVCaptureSession", "stopRunning", ZerlanRowKind::instance, imp(zerlan_stopRunning)},
+        {"AVCaptureSession", "isRunning", ZerlanRowKind::instance, imp(zerlan_isRunning)},
+        {"AVCaptureSession", "addInputWithNoConnections:", ZerlanRowKind::instance, imp(zerlan_addInputWithNoConnections)},
+        {"AVCaptureSession", "addOutputWithNoConnections:", ZerlanRowKind::instance, imp(zerlan_addOutputWithNoConnections)},
+        {"AVCaptureSession", "addConnection:", ZerlanRowKind::instance, imp(zerlan_addConnection)},
+        {"AVCaptureSession", "canAddConnection:", ZerlanRowKind::instance, imp(zerlan_canAddConnection)},
+        {"AVCaptureSession", "canSetSessionPreset:", ZerlanRowKind::instance, imp(zerlan_canSetSessionPreset)},
+        {"AVCaptureSession", "inputs", ZerlanRowKind::instance, imp(zerlan_inputs)},
+        {"AVCaptureSession", "outputs", ZerlanRowKind::instance, imp(zerlan_outputs)},
+        {"AVCaptureSession", "removeInput:", ZerlanRowKind::instance, imp(zerlan_removeInput)},
+        {"AVCaptureSession", "removeOutput:", ZerlanRowKind::instance, imp(zerlan_removeOutput)},
+        {"AVCaptureVideoDataOutput", "setSampleBufferDelegate:queue:", ZerlanRowKind::instance, imp(zerlan_setSampleBufferDelegate_queue)},
+        {"AVCaptureVideoDataOutput", "recommendedVideoSettingsForAssetWriterWithOutputFileType:", ZerlanRowKind::instance, imp(zerlan_recommendedVideoSettingsForAssetWriterWithOutputFileType)},
+        {"AVCapturePhotoOutput", "capturePhotoWithSettings:delegate:", ZerlanRowKind::instance, imp(zerlan_capturePhotoWithSettings_delegate)},
+        {"AVCaptureMetadataOutput", "availableMetadataObjectTypes", ZerlanRowKind::instance, imp(zerlan_availableMetadataObjectTypes)},
+        {"AVCaptureMetadataOutput", "setMetadataObjectTypes:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectTypes)},
+        {"AVCaptureMetadataOutput", "setMetadataObjectsDelegate:queue:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectsDelegate_queue)},
+        {"AVCaptureVideoPreviewLayer", "setSession:", ZerlanRowKind::instance, imp(zerlan_setSession)},
+        {"UIImagePickerController", "isSourceTypeAvailable:", ZerlanRowKind::classMethod, imp(zerlan_isSourceTypeAvailable)},
+        {"UIImagePickerController", "isCameraDeviceAvailable:", ZerlanRowKind::classMethod, imp(zerlan_isCameraDeviceAvailable)},
+        {"UIImagePickerController", "availableMediaTypesForSourceType:", ZerlanRowKind::classMethod, imp(zerlan_availableMediaTypesForSourceType)},
+        {"UIImagePickerController", "availableCaptureModesForCameraDevice:", ZerlanRowKind::classMethod, imp(zerlan_availableCaptureModesForCameraDevice)},
+        {"UIImagePickerController", "isFlashAvailableForCameraDevice:", ZerlanRowKind::classMethod, imp(zerlan_isFlashAvailableForCameraDevice)},
+        {"UIImagePickerController", "setSourceType:", ZerlanRowKind::instance, imp(zerlan_setSourceType)},
+        {"UIImagePickerController", "sourceType", ZerlanRowKind::instance, imp(zerlan_sourceType)},
+        {"UIImagePickerController", "setCameraDevice:", ZerlanRowKind::instance, imp(zerlan_setCameraDevice)},
+        {"UIImagePickerController", "cameraDevice", ZerlanRowKind::instance, imp(zerlan_cameraDevice)},
+        {"UIImagePickerController", "setCameraCaptureMode:", ZerlanRowKind::instance, imp(zerlan_setCameraCaptureMode)},
+        {"UIImagePickerController", "cameraCaptureMode", ZerlanRowKind::instance, imp(zerlan_cameraCaptureMode)},
+        {"UIImagePickerController", "dismissViewControllerAnimated:completion:", ZerlanRowKind::added, imp(ZerlanImagePickerDismiss)},
+        {"UIViewController", "presentViewController:animated:completion:", ZerlanRowKind::instance, imp(zerlan_presentViewController_animated_completion)},
     };
     auto table = ZerlanExchangeTable();
-    ASSERT_EQ(48 + std::size(expected), table.size());
+    ASSERT_EQ(std::size(expected), table.size());
     for (size_t i = 0; i < std::size(expected); ++i) {
-        const ZerlanExchangeRow &row = table[48 + i];
-        SCOPED_TRACE(testing::Message() << "row " << 49 + i);
+        const ZerlanExchangeRow &row = table[i];
+        SCOPED_TRACE(testing::Message() << "row " << i + 1 << " " << expected[i].selector);
         EXPECT_STREQ(expected[i].className, row.className);
         EXPECT_STREQ(expected[i].selector, row.selector);
         EXPECT_EQ(expected[i].kind, row.kind);
+        EXPECT_EQ(expected[i].implementation, row.implementation);
+        EXPECT_STREQ(expected[i].kind == ZerlanRowKind::added ? "UIViewController" : nullptr, row.typesFrom);
     }
 }
 
@@ -129,7 +176,6 @@ TEST(DiagnosticsTest, TheSwitchIsReadOnce)
     else
         setenv("ZERLAN_DEBUG", "", 1);
     EXPECT_EQ(before, ZerlanDebugEnabled()) << "later changes to the environment have no effect";
-    EXPECT_EQ(std::getenv("ZERLAN_DEBUG") == nullptr, before) << "this process started the other way";
 }
 
 } // namespace

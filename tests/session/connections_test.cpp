@@ -99,6 +99,32 @@ TEST_F(ConnectionsTest, ConnectionOverTheFabricatedPort)
     EXPECT_FALSE(ZerlanMarked(real, &kFakeConnectionKey));
 }
 
+TEST_F(ConnectionsTest, FabricatedInputsAndConnectionsOutliveEverythingTheAppHeld)
+{
+    // Nothing in the app owns what the library fabricates beyond the moment it is handed out, so
+    // the library keeps it for the life of the process.
+    Weak input, ownConnection, madeConnection, firstOutput, secondOutput;
+    {
+        AutoreleasePool inner;
+        Strong<> in = fabricatedInput();
+        input.store(in);
+        Strong<> output = allocInit<"init">("AVCaptureVideoDataOutput");
+        firstOutput.store(output);
+        ownConnection.store(ZerlanConnectionForOutput(output));
+        Strong<> other = allocInit<"init">("AVCaptureVideoDataOutput");
+        secondOutput.store(other);
+        Strong<> made = allocInit<"initWithInputPorts:output:">("AVCaptureConnection",
+                                                                arrayWithObject(ZerlanFakeInputPort()), other.get());
+        ASSERT_TRUE(ZerlanMarked(made, &kFakeConnectionKey));
+        madeConnection.store(made);
+    }
+    EXPECT_FALSE(firstOutput.load()) << "the app's own objects are gone";
+    EXPECT_FALSE(secondOutput.load()) << "the app's own objects are gone";
+    EXPECT_TRUE(input.load()) << "an input made from the fabricated camera";
+    EXPECT_TRUE(ownConnection.load()) << "the connection made for an output";
+    EXPECT_TRUE(madeConnection.load()) << "a connection the app made over the fabricated port";
+}
+
 TEST_F(ConnectionsTest, ConnectionForOutputIsMadeOnceWithoutKeepingTheOutput)
 {
     Strong<> output = allocInit<"init">("AVCaptureVideoDataOutput");
@@ -132,6 +158,9 @@ TEST_F(ConnectionsTest, WhoSeesTheFabricatedConnections)
     id metadataConnection = AppSession::connectionOf(metadata);
     EXPECT_TRUE(ZerlanMarked(metadataConnection, &kFakeConnectionKey));
     EXPECT_NE(connection, metadataConnection);
+    id metadataConnections = send<id>(metadata.get(), sel<"connections">());
+    ASSERT_EQ(1u, count(metadataConnections)) << "an accepted metadata output lists its connection too";
+    EXPECT_EQ(metadataConnection, objectAtIndex(metadataConnections, 0));
     EXPECT_EQ(nil, send<id>(metadata.get(), sel<"connectionWithMediaType:">(), AVMediaTypeAudio));
 
     // An output no fabricated session accepted is the framework's, whoever asks.

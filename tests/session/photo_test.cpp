@@ -93,16 +93,27 @@ TEST_F(PhotoTest, WhileRunningThePhotoIsTheLatestFrame)
 
 TEST_F(PhotoTest, OnlyTheFinishedPhotoCallbackIsSent)
 {
-    Recorder older(false);
     long retainedBefore = count(gRetainedFakeObjects);
-    capture(older.get());
+    std::shared_ptr<Recording> olderCalls;
+    Weak older;
+    {
+        Recorder delegate(false);
+        olderCalls = delegate.recording;
+        older.store(delegate.get());
+        capture(delegate.get());
+    }
     capture(nil);
     EXPECT_EQ(retainedBefore + 2, long(count(gRetainedFakeObjects))) << "photos are made even with nobody to take them";
-    // A later capture to a full delegate arrives; the older one has been skipped by then or soon.
+
+    // The capture holds its delegate until its delivery has run; once the delegate is freed that
+    // delivery is over, and it sent the older delegate nothing at all.
+    ASSERT_TRUE(runMainUntil(10, [&] { return !older.load(); })) << "the capture let go of its delegate";
+    EXPECT_EQ(0u, olderCalls->size(&Recording::others)) << "neither the will-begin nor the older photo callback";
+    EXPECT_EQ(0u, olderCalls->size(&Recording::photos));
+
     capture(recorder_.get());
     ASSERT_TRUE(waitForPhoto(0).object);
     EXPECT_EQ(1u, recorder_->size(&Recording::photos));
-    EXPECT_EQ(0u, older->size(&Recording::photos));
 }
 
 TEST_F(PhotoTest, AnUnacceptedPhotoOutputIsTheSystems)

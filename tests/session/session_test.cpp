@@ -81,6 +81,45 @@ TEST_F(SessionTest, AddInputWithNoConnectionsMakesTheSessionFabricated)
     EXPECT_TRUE(ZerlanMarked(session_, &kFakeSessionKey)) << "never left";
 }
 
+TEST_F(SessionTest, AFabricatedSessionKeepsEveryCallFromTheSystemButARealInputs)
+{
+    auto reachedSystem = [&] {
+        Strong<> names = Strong<>::adopt(AVCaptureSessionCopyReceivedMessages_np(session_));
+        std::vector<std::string> out;
+        for (id name : elements(names))
+            out.push_back(text(name));
+        return out;
+    };
+    // The whole of an app's configuration of a camera session, and taking it down again.
+    Strong<> output = allocInit<"init">("AVCaptureVideoDataOutput");
+    ASSERT_TRUE(ask(session_, "canAddInput:", input_));
+    send<void>(session_.get(), sel<"addInput:">(), input_.get());
+    send<void>(session_.get(), sel<"addInputWithNoConnections:">(), input_.get());
+    ASSERT_TRUE(ask(session_, "canAddOutput:", output));
+    send<void>(session_.get(), sel<"addOutput:">(), output.get());
+    send<void>(session_.get(), sel<"addOutputWithNoConnections:">(), output.get());
+    ASSERT_TRUE(ask(session_, "canAddConnection:", nil));
+    send<void>(session_.get(), sel<"addConnection:">(), static_cast<id>(nil));
+    ASSERT_TRUE(ask(session_, "canSetSessionPreset:", string("no such preset")));
+    send<void>(session_.get(), sel<"startRunning">());
+    ASSERT_TRUE(send<BOOL>(session_.get(), sel<"isRunning">()));
+    send<void>(session_.get(), sel<"stopRunning">());
+    send<id>(session_.get(), sel<"inputs">());
+    send<id>(session_.get(), sel<"outputs">());
+    send<void>(session_.get(), sel<"removeOutput:">(), output.get());
+    send<void>(session_.get(), sel<"removeInput:">(), input_.get());
+    EXPECT_EQ(std::vector<std::string>{}, reachedSystem()) << "the system never heard of this session";
+
+    // A real input is the system's business, even on a fabricated session: here a camera that
+    // has been unplugged since its input was made, which the system refuses.
+    id camera = AVCaptureDeviceRegister_np("Real Camera", "real-camera", 1, nil, 1280, 720, false, false, false, false);
+    Strong<> real = allocInit<"initWithDevice:error:">("AVCaptureDeviceInput", camera, static_cast<id *>(nullptr));
+    ASSERT_TRUE(real);
+    AVCaptureDeviceUnregisterAll_np();
+    EXPECT_FALSE(ask(session_, "canAddInput:", real)) << "the system's answer";
+    EXPECT_EQ(std::vector<std::string>{"canAddInput:"}, reachedSystem());
+}
+
 TEST_F(SessionTest, OutputsAreListedOnceAndClassified)
 {
     ASSERT_TRUE(ask(session_, "canAddInput:", input_));

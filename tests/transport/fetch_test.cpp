@@ -5,13 +5,37 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <dlfcn.h>
+#include <poll.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <string>
 
 using zerlan::testing::ScriptedServer;
 using namespace zerlan::objc;
+
+namespace {
+std::atomic<bool> gHoldAfterConnect{false};
+}
+
+// The fetch's connect, as the library calls it, with a pause after it that a test can ask for: it
+// stands for the fetching thread being descheduled between connecting and sending, during which
+// the peer goes away. The pause lasts until the peer's reset has arrived (or 10 s).
+extern "C" int connect(int fd, const sockaddr *address, socklen_t length)
+{
+    using Connect = int (*)(int, const sockaddr *, socklen_t);
+    static Connect real = reinterpret_cast<Connect>(dlsym(RTLD_NEXT, "connect"));
+    int result = real(fd, address, length);
+    if (result == 0 && gHoldAfterConnect) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        pollfd watch{fd, 0, 0};
+        while (!(watch.revents & (POLLHUP | POLLERR)) && std::chrono::steady_clock::now() < deadline)
+            ::poll(&watch, 1, 100);
+    }
+    return result;
+}
 
 namespace {
 
@@ -124,16 +148,22 @@ TEST_F(FetchTest, NoServerFailsAtOnce)
 
 TEST_F(FetchTest, AStalledServerYieldsWhatArrivedBeforeTheSilence)
 {
+    // One second of silence ends the fetch. The server waits up to three for the client to give
+    // up and close; a client still listening by then is sent more, and would return it.
     ScriptedServer server([](int fd) {
         ScriptedServer::readHead(fd);
         ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\n\r\nab");
-        char c;
-        ::recv(fd, &c, 1, 0); // holds the connection open until the client gives up and closes
+        pollfd closed{fd, POLLIN, 0};
+        if (::poll(&closed, 1, 3000) == 0)
+            ScriptedServer::writeAll(fd, "cd");
         return true;
     });
+    auto start = std::chrono::steady_clock::now();
     Strong<> frame = fetchFrom(server);
+    auto elapsed = std::chrono::steady_clock::now() - start;
     ASSERT_TRUE(frame);
-    EXPECT_EQ("ab", bytesOf(frame));
+    EXPECT_EQ("ab", bytesOf(frame)) << "the client waited past its 1 s time-out";
+    EXPECT_GE(elapsed, std::chrono::milliseconds(950)) << "gave up before 1 s of silence";
 }
 
 TEST_F(FetchTest, APeerThatResetsOrClosesEarlyGivesNothingAndNoSignal)
@@ -151,6 +181,28 @@ TEST_F(FetchTest, APeerThatResetsOrClosesEarlyGivesNothingAndNoSignal)
     ScriptedServer silent([](int fd) { return true; });
     EXPECT_FALSE(fetchFrom(silent)) << "closed without a byte";
     std::signal(SIGPIPE, previous);
+}
+
+TEST(FetchSignalTest, APeerGoneBeforeTheRequestIsSentRaisesNoSignal)
+{
+    // The server half-closes and then resets before the client sends a byte, so the send itself
+    // fails with a broken pipe: without protection SIGPIPE would end the app. Run in a child of
+    // its own so that such a death is reported as a failure here.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            std::signal(SIGPIPE, SIG_DFL);
+            ScriptedServer server([](int fd) {
+                ::shutdown(fd, SHUT_WR);
+                ScriptedServer::reset(fd);
+                return false;
+            });
+            gHoldAfterConnect = true;
+            bool fetched = bool(fetchFrom(server));
+            std::exit(fetched ? 1 : 0);
+        },
+        ::testing::ExitedWithCode(0), "")
+        << "no frame, and no SIGPIPE";
 }
 
 } // namespace

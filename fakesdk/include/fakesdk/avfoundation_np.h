@@ -29,6 +29,11 @@ OBJC_EXPORT long AVCaptureDeviceConfigurationLockDepth_np(id device);
 // framework's own code does, and returns everything they answered in one array (+1).
 OBJC_EXPORT id AVCaptureSessionCopyOutputConnections_np(id session);
 
+// The selectors whose AVFoundation implementation ran for the session, oldest first, as an array
+// of strings (+1): every public session method notes itself, whoever sent the message (init and
+// dealloc excepted). What reached the framework even where it changed nothing visible.
+OBJC_EXPORT id AVCaptureSessionCopyReceivedMessages_np(id session);
+
 // Number of sample buffers the video data output has delivered to its delegate so far.
 OBJC_EXPORT long AVCaptureVideoDataOutputDeliveredFrames_np(id output);
 
