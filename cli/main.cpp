@@ -19,6 +19,7 @@ using AddCommand = Command (*)(CLI::App&);
 // probe, demo and launch join here, in the order `zerlan --help` lists them.
 constexpr AddCommand kCommands[] = {
     addServe,
+    addCtl,
     addProbe,
     addDemo,
     addLaunch,
