@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <future>
 #include <nlohmann/json.hpp>
 
 #include "Process.h"
@@ -162,20 +163,20 @@ TEST(Ctl, WaitReturnsOnceTheFramesAreFetchedAndExits1WhenTheyAreNot) {
   EXPECT_EQ(idle.status, 1);
   EXPECT_NE(idle.err.find("0 of 2 frames were fetched in 0.3 s"), std::string::npos) << idle.err;
 
-  std::atomic<bool> done{false};
-  std::atomic<int> fetched{0};
-  std::thread app([&] {
-    while (!done) {
-      if (get(s.port(), "/frame").status == 200) ++fetched;
-      std::this_thread::sleep_for(50ms);
-    }
+  const uint64_t requestsBefore = s.server->totals().requests;
+  auto waited = std::async(std::launch::async, [&] {
+    return ctl(s.port(), {"wait", "--fetches", "3", "--timeout", "60"});
   });
-  ProcessResult waited = ctl(s.port(), {"wait", "--fetches", "3", "--timeout", "60"});
-  const int seen = fetched;
-  done = true;
-  app.join();
-  EXPECT_EQ(waited.status, 0) << waited.err;
-  EXPECT_GE(seen, 3) << "it returned before three frames were fetched";
+  // ctl counts from its first look at /status: let it take that look before fetching.
+  auto deadline = in(30s);
+  while (s.server->totals().requests == requestsBefore && Clock::now() < deadline)
+    std::this_thread::sleep_for(5ms);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(get(s.port(), "/frame").status, 200);
+  EXPECT_EQ(waited.wait_for(500ms), std::future_status::timeout) << "two frames are not three";
+  EXPECT_EQ(get(s.port(), "/frame").status, 200);
+  ASSERT_EQ(waited.wait_for(30s), std::future_status::ready);
+  ProcessResult done = waited.get();
+  EXPECT_EQ(done.status, 0) << done.err;
   ProcessResult nothing = ctl(s.port(), {"wait", "--fetches", "0", "--timeout", "0"});
   EXPECT_EQ(nothing.status, 0) << "no frames to wait for";
 }
