@@ -266,7 +266,9 @@ Command addCtl(CLI::App& zerlan) {
       "ctl",
       "Drive a running zerlan serve from the shell: what the camera shows, steps, faults, and "
       "waiting until the app has fetched frames.");
-  ctl->require_subcommand(1, 1);
+  // An unknown action is left over, and named in the error below.
+  ctl->require_subcommand(0, 1);
+  ctl->allow_extras();
   ctl->add_option("--port", o->port,
                   "Port of the frame server on 127.0.0.1 (default: ZERLAN_FRAME_PORT, else 47654)")
       ->check(CLI::Range(1, 65535));
@@ -333,11 +335,15 @@ Command addCtl(CLI::App& zerlan) {
     sub->fallthrough();  // --port may come after the action too
     sub->footer(kCtlExitCodes);
   }
-  return Command{ctl, [runs] {
+  return Command{ctl, [ctl, runs] {
                    for (const auto& [sub, run] : runs) {
                      if (sub->parsed()) return run();
                    }
-                   return kExitUsage;
+                   const std::string actions =
+                       "use qr, image, source, step, fault, status or wait";
+                   auto extra = ctl->remaining();
+                   if (extra.empty()) return usageError("ctl", "name an action: " + actions);
+                   return usageError("ctl", "unknown action \"" + extra.front() + "\": " + actions);
                  }};
 }
 

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -48,9 +47,7 @@ uint16_t freePort()
 
 TEST(ReadmeScript, TheCameraScenarioScriptRunsAsWritten)
 {
-    const char *source = std::getenv("ZERLAN_SOURCE_DIR");
-    ASSERT_NE(source, nullptr);
-    std::ifstream in(fs::path(source) / "README.md");
+    std::ifstream in(fs::path(ZERLAN_SOURCE_DIR) / "README.md");
     std::stringstream text;
     text << in.rdbuf();
     const std::string script = scriptAfter(text.str(), "## Camera scenarios in automated tests");
