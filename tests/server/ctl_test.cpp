@@ -108,7 +108,7 @@ TEST(Ctl, GoodValuesApplyAndRefusedOnesExit3WithTheServersReason) {
          EXPECT_EQ(get(port, "/frame").status, 503);
          EXPECT_EQ(get(port, "/frame").status, 200);
        }},
-      {{"fault", "melt"}, 2, "melt", nullptr},
+      {{"fault", "melt"}, 2, "zerlan ctl fault: KIND: melt", nullptr},
       {{"fault", "stall", "--seconds", "1", "--requests", "1"}, 2, "excludes", nullptr},
       {{"fault", "stall", "--requests", "0"}, 2, "--requests", nullptr},
       {{"step", "0"}, 2, "N", nullptr},
