@@ -92,7 +92,7 @@ TEST_P(CaptureAppFaults, NoCrashTheLastGoodFrameIsKeptAndFramesResume)
     fs::path photo = dir_ / "photo.jpg";
     auto app = std::async(std::launch::async, [&] {
         return runApp("capture-app", true,
-                      {"--seconds", "7", "--photo-after-ms", "2000", "--save-photo", photo.string()},
+                      {"--seconds", "9", "--photo-after-ms", "2000", "--save-photo", photo.string()},
                       {{"ZERLAN_FRAME_PORT", std::to_string(server.port())}});
     });
     ASSERT_TRUE(waitFor([&] { return server.served() >= before + 3; }, 10s)) << "the app never fetched";
