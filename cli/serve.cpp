@@ -93,6 +93,12 @@ int runServe(const ServeOptions& o) {
   if (!o.scenario.empty()) {
     auto loaded = server::loadScenario(o.scenario);
     if (!loaded) return usageError("serve", "--scenario " + loaded.error().message);
+    for (const auto& step : loaded->steps) {
+      if (!o.step && step.control.contains("step")) {
+        return usageError("serve", "--scenario " + o.scenario + ":" + std::to_string(step.line) +
+                                       ": a \"step\" step needs step mode: add --step");
+      }
+    }
     scenario = std::move(loaded.value());
   }
 

@@ -171,6 +171,8 @@ TEST(Cli, ExitCodesForCommandLines) {
       {{"serve", "--scenario", dir.file("none.json")}, 2, "none.json: no such scenario file"},
       {{"serve", "--scenario", dir.write("bad.json", "[{\"at\": 0, \"qr\": \"A\"},\n {\"at\": 1, \"colour\": 1}]")},
        2, "--scenario " + dir.file("bad.json") + ":2: unknown key \"colour\""},
+      {{"serve", "--scenario", dir.write("steps.json", "[\n{\"at\": 1, \"step\": 2}]")}, 2,
+       "steps.json:2: a \"step\" step needs step mode: add --step"},
   };
   for (const Case& c : cases) {
     Child zerlan(c.args);
