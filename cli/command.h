@@ -31,5 +31,6 @@ Command addServe(CLI::App& zerlan);
 Command addProbe(CLI::App& zerlan);
 Command addDemo(CLI::App& zerlan);
 Command addLaunch(CLI::App& zerlan);
+Command addCtl(CLI::App& zerlan);
 
 }  // namespace zerlan::cli

@@ -19,6 +19,7 @@ using AddCommand = Command (*)(CLI::App&);
 // probe, demo and launch join here, in the order `zerlan --help` lists them.
 constexpr AddCommand kCommands[] = {
     addServe,
+    addCtl,
     addProbe,
     addDemo,
     addLaunch,
@@ -54,7 +55,10 @@ int main(int argc, char** argv) {
     }
     std::string where = "zerlan";
     for (const Command& c : commands) {
-      if (c.app->parsed()) where += " " + c.app->get_name();
+      if (!c.app->parsed()) continue;
+      where += " " + c.app->get_name();
+      // ctl's actions are subcommands of their own: name the one that failed.
+      for (const CLI::App* action : c.app->get_subcommands()) where += " " + action->get_name();
     }
     if (where == "zerlan" && argv[1][0] != '-') {
       std::string names;

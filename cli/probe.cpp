@@ -23,6 +23,7 @@
 #include "server/image.h"
 #include "server/platform.h"
 #include "transport/FetchJPEG.h"
+#include "transport/FramePort.h"
 
 namespace zerlan::cli {
 
@@ -31,7 +32,7 @@ namespace {
 struct ProbeOptions {
   int count = 1;
   int intervalMs = 100;
-  int port = transport::kFramePort;
+  int port = ZerlanFramePort();  // where the library in an app started from here would fetch
   std::string save;
   bool json = false;
 };
@@ -162,7 +163,7 @@ Command addProbe(CLI::App& zerlan) {
   app->add_option("--count", options->count, "Number of fetches (default 1)")->check(CLI::Range(1, 1000000));
   app->add_option("--interval-ms", options->intervalMs, "Pause between fetches in milliseconds (default 100)")
       ->check(CLI::Range(0, 3600000));
-  app->add_option("--port", options->port, "Frame server port on 127.0.0.1 (default 47654)")
+  app->add_option("--port", options->port, "Frame server port on 127.0.0.1 (default: ZERLAN_FRAME_PORT, else 47654)")
       ->check(CLI::Range(1, 65535));
   app->add_option("--save", options->save, "Write the last frame received to this file (its folder must exist)")
       ->type_name("FILE");

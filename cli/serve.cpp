@@ -6,10 +6,12 @@
 
 #include <cmath>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include "cli/command.h"
 #include "server/image.h"
+#include "server/scenario.h"
 #include "server/server.h"
 
 namespace zerlan::cli {
@@ -29,6 +31,8 @@ struct ServeOptions {
   int quality = 85;
   double timeout = 5;
   unsigned threads = 0;
+  bool step = false;
+  std::string scenario;
   CLI::Option* fpsOption = nullptr;
   CLI::Option* sizeOption = nullptr;
 };
@@ -59,6 +63,7 @@ int runServe(const ServeOptions& o) {
   settings.qr = o.qr;
   settings.fps = o.fps;
   settings.quality = o.quality;
+  settings.step = o.step;
   if (!o.size.empty()) {
     auto size = server::parseSize(o.size);
     if (!size) return usageError("serve", "--size: " + size.error().message);
@@ -84,6 +89,18 @@ int runServe(const ServeOptions& o) {
 
   auto source = server::openSource(choice, settings);
   if (!source) return usageError("serve", source.error().message);
+  std::optional<server::Scenario> scenario;
+  if (!o.scenario.empty()) {
+    auto loaded = server::loadScenario(o.scenario);
+    if (!loaded) return usageError("serve", "--scenario " + loaded.error().message);
+    for (const auto& step : loaded->steps) {
+      if (!o.step && step.control.contains("step")) {
+        return usageError("serve", "--scenario " + o.scenario + ":" + std::to_string(step.line) +
+                                       ": a \"step\" step needs step mode: add --step");
+      }
+    }
+    scenario = std::move(loaded.value());
+  }
 
   server::ServerOptions options;
   options.host = o.host;
@@ -110,9 +127,12 @@ int runServe(const ServeOptions& o) {
     return kExitRuntime;
   }
   auto& srv = *started.value();
+  std::unique_ptr<server::ScenarioPlayer> player;
+  if (scenario) player = std::make_unique<server::ScenarioPlayer>(srv, std::move(*scenario), log);
 
   int signo = 0;
   sigwait(&stopSignals, &signo);
+  player.reset();
   srv.stop();
   auto t = srv.totals();
   std::ostringstream summary;
@@ -184,12 +204,23 @@ Command addServe(CLI::App& zerlan) {
       ->check(CLI::Range(0.05, 3600.0));
   cmd->add_option("--threads", o->threads, "Serving threads (default: one per core).")
       ->check(CLI::Range(1, 64));
+  cmd->add_flag("--step", o->step,
+                "Step mode, for automated tests: the current frame stays until POST /control "
+                "{\"step\": N} (or zerlan ctl step N) advances N frames, and the test pattern "
+                "draws no clock, so a step gives the same JPEG bytes on every run.");
+  cmd->add_option("--scenario", o->scenario,
+                  "Play a JSON list of timed steps, for example [{\"at\": 0, \"qr\": \"A\"}, "
+                  "{\"at\": 4, \"fault\": \"stall\", \"seconds\": 1}, "
+                  "{\"after_fetches\": 20, \"qr\": \"B\"}]; each step is logged as it fires.")
+      ->type_name("FILE");
 
   cmd->footer(
       "Pages: GET /frame (the JPEG), GET / (live view and counters), GET /status (JSON), "
       "POST /control with JSON: {\"qr\": \"TEXT\"}, {\"source\": \"pattern\"}, "
       "{\"source\": {\"image\": PATH}}, {\"source\": {\"dir\": PATH}}, "
-      "{\"source\": {\"video\": PATH}}, {\"fps\": N}; relative paths start from the "
+      "{\"source\": {\"video\": PATH}}, {\"fps\": N}, {\"step\": N} (--step), "
+      "{\"fault\": KIND, \"seconds\": S} or {\"fault\": KIND, \"requests\": N} (KIND: refuse, "
+      "stall, slow, garbage, truncate, http-error; \"none\" clears); relative paths start from the "
       "folder zerlan serve was started in.\n\n"
       "Examples:\n"
       "  zerlan serve                          test pattern with the QR code \"zerlan\"\n"

@@ -13,6 +13,7 @@
 #include <asio/ip/tcp.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
+#include <asio/write.hpp>
 #include <cerrno>
 #include <cstring>
 #include <thread>
@@ -37,6 +38,10 @@ constexpr auto kLingerTime = 2s;
 constexpr size_t kLingerMaxBytes = 1 << 20;
 // A bounded batch keeps one thread from taking every connection of a burst.
 constexpr int kAcceptBatch = 64;
+// The slow fault sends a frame in this many pieces, one per period: about two seconds, with
+// gaps short enough that a client's read time-out (the library's is one second) never fires.
+constexpr size_t kSlowPieces = 20;
+constexpr auto kSlowPeriod = 100ms;
 
 std::string errnoText(int err) { return std::strerror(err); }
 
@@ -134,7 +139,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Timer timer = Timer::None;
 
  private:
-  enum class Phase { Reading, Writing, Lingering, Control, Closed };
+  enum class Phase { Reading, Writing, Lingering, Control, Stalled, Closed };
 
   void read();
   void onRead(const asio::error_code& error, size_t n);
@@ -143,6 +148,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void dispatch(const http::Request& req);
   void respond(int status, std::string_view type, std::string body,
                std::string_view extraHeaders = {}, bool headOnly = false);
+  void injectFault(FaultKind fault, std::shared_ptr<const Frame> frame);
+  void trickle();
   void respondError(int status, const std::string& reason, std::string_view extraHeaders = {});
   void send(const char* data, size_t size);
   void write();
@@ -166,6 +173,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   size_t discarded_ = 0;
   std::string request_;  // "GET /path", for log lines
   std::array<char, 4096> buffer_;
+  std::unique_ptr<asio::steady_timer> slowTimer_;  // only while the slow fault sends
 };
 
 template <Link Connection::*L>
@@ -462,6 +470,7 @@ void Connection::close() {
   worker_.forget(this);
   ctx_.clients.fetch_sub(1, std::memory_order_relaxed);
   frame_.reset();
+  if (slowTimer_) slowTimer_->cancel();
   asio::error_code ignored;
   socket_.close(ignored);
 }
@@ -474,7 +483,7 @@ void Connection::read() {
 }
 
 void Connection::onRead(const asio::error_code& error, size_t n) {
-  if (phase_ == Phase::Lingering) {
+  if (phase_ == Phase::Lingering || phase_ == Phase::Stalled) {
     discarded_ += n;
     if (error || discarded_ > kLingerMaxBytes) return close();
     return drain();
@@ -584,6 +593,10 @@ void Connection::dispatch(const http::Request& req) {
   if (req.path == "/frame") {
     if (!get) return respondError(405, "use GET /frame", "Allow: GET, HEAD\r\n");
     auto frame = ctx_.store.current();
+    if (!head) {
+      if (FaultKind fault = ctx_.faults.take(); fault != FaultKind::None)
+        return injectFault(fault, std::move(frame));
+    }
     if (!frame) {
       // Not the client's fault, and a polling client would flood the log: answer, don't log.
       return respond(503, "text/plain; charset=utf-8",
@@ -591,7 +604,10 @@ void Connection::dispatch(const http::Request& req) {
                      "Retry-After: 1\r\n", head);
     }
     ctx_.requests.add();
-    if (!head) ctx_.framesServed.add();
+    if (!head) {
+      ctx_.framesServed.add();
+      ctx_.fetches.record(frame->index);
+    }
     frame_ = std::move(frame);
     return send(frame_->wire.data(), head ? frame_->headSize : frame_->wire.size());
   }
@@ -627,6 +643,78 @@ void Connection::dispatch(const http::Request& req) {
   respondError(404,
                "no such page: use GET /frame for frames, GET / or GET /status for the status, "
                "POST /control to switch");
+}
+
+// Faults are what the test asked for, not the client's doing: counted by the injector and in
+// the requests, never as errors, and not logged one by one.
+void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame) {
+  const bool needsFrame = fault == FaultKind::Slow || fault == FaultKind::Truncate;
+  if (needsFrame && !frame) {
+    return respond(503, "text/plain; charset=utf-8",
+                   "no frame yet: the source has not produced one; try again\n",
+                   "Retry-After: 1\r\n");
+  }
+  switch (fault) {
+    case FaultKind::None:
+      return;
+    case FaultKind::Refuse: {
+      ctx_.requests.add();
+      // A zero linger time makes the close a reset, as a camera process that died would.
+      linger abort{1, 0};
+      ::setsockopt(socket_.native_handle(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+      return close();
+    }
+    case FaultKind::Stall:
+      // Held open, silent, until the server's time-out closes it (see expire) or the client
+      // goes. The pending read keeps the connection alive meanwhile.
+      ctx_.requests.add();
+      phase_ = Phase::Stalled;
+      worker_.setDeadline(this, Timer::Io, ctx_.options.timeout);
+      return read();
+    case FaultKind::Slow:
+      ctx_.requests.add();
+      ctx_.framesServed.add();
+      ctx_.fetches.record(frame->index);
+      frame_ = std::move(frame);
+      sendPtr_ = frame_->wire.data();
+      sendLeft_ = frame_->wire.size();
+      slowTimer_ = std::make_unique<asio::steady_timer>(worker_.io());
+      return trickle();
+    case FaultKind::Garbage: {
+      std::string body;
+      while (body.size() < 4096) body += "zerlan fault \"garbage\": these bytes are no image. ";
+      return respond(200, "image/jpeg", std::move(body));
+    }
+    case FaultKind::Truncate:
+      // The head promises the whole JPEG; half of it comes before the close.
+      ctx_.requests.add();
+      frame_ = std::move(frame);
+      return send(frame_->wire.data(), frame_->headSize + frame_->jpeg().size() / 2);
+    case FaultKind::HttpError:
+      return respond(503, "text/plain; charset=utf-8",
+                     "fault \"http-error\" injected on GET /frame (POST /control "
+                     "{\"fault\": \"none\"} clears it)\n");
+  }
+}
+
+void Connection::trickle() {
+  phase_ = Phase::Writing;
+  worker_.setDeadline(this, Timer::Io, ctx_.options.timeout);
+  const size_t piece = std::min(sendLeft_, (frame_->wire.size() + kSlowPieces - 1) / kSlowPieces);
+  asio::async_write(
+      socket_, asio::buffer(sendPtr_, piece),
+      [self = shared_from_this()](const asio::error_code& error, size_t n) {
+        if (self->phase_ != Phase::Writing) return;
+        if (error) return self->close();
+        self->sendPtr_ += n;
+        self->sendLeft_ -= n;
+        if (self->sendLeft_ == 0) return self->finish();
+        self->slowTimer_->expires_after(kSlowPeriod);
+        self->slowTimer_->async_wait([self](const asio::error_code& waited) {
+          if (waited || self->phase_ != Phase::Writing) return;
+          self->trickle();
+        });
+      });
 }
 
 void Connection::onControlAnswer(std::string response) {
@@ -718,6 +806,7 @@ void Connection::expire() {
       ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
       break;
     }
+    case Phase::Stalled:
     case Phase::Lingering:
     case Phase::Control:
     case Phase::Closed:

@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 
+#include "server/faults.h"
 #include "server/frame_store.h"
 #include "server/log.h"
 #include "server/result.h"
@@ -28,6 +29,17 @@ struct alignas(64) Counter {
   std::atomic<uint64_t> value{0};
   void add() { value.fetch_add(1, std::memory_order_relaxed); }
   uint64_t get() const { return value.load(std::memory_order_relaxed); }
+};
+
+// What the app saw of the feed: when the last frame was served, and which one.
+struct FetchTally {
+  void record(uint64_t index) {
+    lastIndex.store(index, std::memory_order_relaxed);
+    lastAt.store(std::chrono::system_clock::now().time_since_epoch().count(),
+                 std::memory_order_release);
+  }
+  std::atomic<std::chrono::system_clock::rep> lastAt{0};  // 0: nothing served yet
+  std::atomic<uint64_t> lastIndex{0};                     // the source's frame index
 };
 
 // Errors come from clients, and a broken or hostile client can make thousands a second: logs
@@ -65,6 +77,8 @@ struct ServingContext {
   std::function<std::string()> statusJson;  // the body of GET /status
   std::function<void(ControlJob)> submitControl;
   std::function<void()> everySecond;  // called about once a second on one serving thread
+  FetchTally& fetches;    // GET /frame answered with a frame
+  FaultInjector& faults;  // consulted for every GET /frame
 };
 
 // Whether `authority` (a Host value, or the host and port of an Origin) names this server:

@@ -8,11 +8,12 @@ uint64_t FrameStore::nextNumber() const {
 }
 
 std::shared_ptr<const Frame> FrameStore::publish(std::string_view jpeg, int width, int height,
-                                                 uint64_t tag) {
+                                                 uint64_t tag, uint64_t index) {
   auto frame = std::make_shared<Frame>();
   frame->width = width;
   frame->height = height;
   frame->tag = tag;
+  frame->index = index;
   frame->wire.reserve(jpeg.size() + 128);
   frame->wire.append("HTTP/1.1 200 OK\r\nContent-Type: image/jpeg\r\nContent-Length: ");
   frame->wire.append(std::to_string(jpeg.size()));

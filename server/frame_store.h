@@ -21,6 +21,7 @@ struct Frame {
   int width = 0;
   int height = 0;
   uint64_t tag = 0;  // the publisher's own marker (the producer stores its settings version)
+  uint64_t index = 0;  // the source's own count: 0 for its first frame, +1 for each one after
   std::chrono::steady_clock::time_point published;
   std::string wire;
   size_t headSize = 0;
@@ -48,7 +49,7 @@ class FrameStore {
 
   // Makes `jpeg` the current frame and wakes waiters. Returns the published frame.
   std::shared_ptr<const Frame> publish(std::string_view jpeg, int width, int height,
-                                       uint64_t tag = 0);
+                                       uint64_t tag = 0, uint64_t index = 0);
 
   // Blocks until the current frame satisfies `accept` or `deadline` passes; returns the frame
   // that satisfied it, or null on time-out.

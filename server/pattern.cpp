@@ -93,7 +93,8 @@ Result<void> PatternRenderer::setPayload(const std::string& payload) {
   return {};
 }
 
-RgbImage PatternRenderer::render(uint64_t number, std::chrono::system_clock::time_point now) const {
+RgbImage PatternRenderer::render(uint64_t number,
+                                 std::optional<std::chrono::system_clock::time_point> now) const {
   RgbImage image(size_.width, size_.height);
   const int t = static_cast<int>(number % 100000) * 6;
   for (int y = 0; y < image.height; ++y) {
@@ -116,7 +117,7 @@ RgbImage PatternRenderer::render(uint64_t number, std::chrono::system_clock::tim
                 static_cast<unsigned long long>(number));
   drawText(image, margin, margin, scale, "ZERLAN");
   drawText(image, margin, margin + lineHeight, scale, frameText);
-  drawText(image, margin, margin + 2 * lineHeight, scale, clockText(now));
+  if (now) drawText(image, margin, margin + 2 * lineHeight, scale, clockText(*now));
   drawText(image, margin, size_.height - margin - 11 * scale, scale, formatSize(size_));
 
   if (modules_ > 0) {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "server/image.h"
@@ -21,8 +22,10 @@ class PatternRenderer {
   // payload) when the payload is empty or too long to draw at this frame size.
   Result<void> setPayload(const std::string& payload);
 
-  // Draws frame `number`; `now` is the clock shown on it.
-  RgbImage render(uint64_t number, std::chrono::system_clock::time_point now) const;
+  // Draws frame `number`; `now` is the clock shown on it. Without a clock the image depends on
+  // the number, the payload and the size alone (step mode: the same bytes on every run).
+  RgbImage render(uint64_t number,
+                  std::optional<std::chrono::system_clock::time_point> now) const;
 
   Size size() const { return size_; }
 

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
+#include <cstdio>
+#include <ctime>
 #include <deque>
 #include <sstream>
 #include <thread>
@@ -33,10 +35,17 @@ std::string dumpJson(const nlohmann::json& j) {
 
 struct Server::Impl {
   Impl(const ServerOptions& o, const FrameSettings& s, Logger l)
-      : options(o), log(std::move(l)), errorLog(log), settings(s), producer(store, settings, log) {}
+      : options(o),
+        log(std::move(l)),
+        errorLog(log),
+        settings(s),
+        producer(store, settings, log),
+        faults(log) {}
 
   nlohmann::json status() const;
   Result<nlohmann::json> control(const nlohmann::json& request);
+  Result<nlohmann::json> controlFault(const nlohmann::json& request);
+  Result<nlohmann::json> controlStep(const nlohmann::json& request);
   void sampleRate(Clock::time_point now);
   double requestsPerSecond(Clock::time_point now) const;
   void controlLoop();
@@ -49,6 +58,8 @@ struct Server::Impl {
   FrameStore store;
   LiveSettings settings;
   Producer producer;
+  FaultInjector faults;
+  FetchTally fetches;
 
   uint16_t port = 0;
   std::string url;
@@ -78,6 +89,20 @@ namespace {
 std::string formatUrl(const std::string& host, uint16_t port) {
   bool v6 = host.find(':') != std::string::npos;
   return "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + "/";
+}
+
+// "2026-11-24T08:15:02.123Z"
+std::string utcText(std::chrono::system_clock::time_point at) {
+  auto secs = std::chrono::system_clock::to_time_t(at);
+  auto millis =
+      std::chrono::duration_cast<std::chrono::milliseconds>(at.time_since_epoch()).count() % 1000;
+  std::tm tm{};
+  gmtime_r(&secs, &tm);
+  char text[40];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                static_cast<int>(millis));
+  return text;
 }
 
 bool isLoopback(const std::string& host) {
@@ -126,7 +151,26 @@ nlohmann::json Server::Impl::status() const {
   j["width"] = frame ? frame->width : 0;
   j["height"] = frame ? frame->height : 0;
   j["bytes"] = frame ? frame->jpeg().size() : 0;
+  j["mode"] = s.step ? "step" : "live";
+  j["frame_index"] = frame ? frame->index : 0;
+  if (s.step) j["steps"] = s.steps;
   j["frames_served"] = framesServed.get();
+  const auto lastAt = fetches.lastAt.load(std::memory_order_acquire);
+  if (lastAt == 0) {
+    j["last_fetch"] = nullptr;
+    j["seconds_since_last_fetch"] = nullptr;
+    j["last_served_index"] = nullptr;
+  } else {
+    const std::chrono::system_clock::time_point at{std::chrono::system_clock::duration(lastAt)};
+    j["last_fetch"] = utcText(at);
+    j["seconds_since_last_fetch"] =
+        std::round(std::chrono::duration<double>(std::chrono::system_clock::now() - at).count() *
+                   1000) /
+        1000;
+    j["last_served_index"] = fetches.lastIndex.load(std::memory_order_relaxed);
+  }
+  j["fault"] = faults.current();
+  j["faults"] = faults.counts();
   j["requests"] = requests.get();
   j["errors"] = errors.get();
   j["clients"] = clients.load(std::memory_order_relaxed);
@@ -172,6 +216,8 @@ Result<SourceChoice> parseSourceChoice(const nlohmann::json& value) {
 
 Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
   std::lock_guard lock(controlMu);
+  if (request.is_object() && request.contains("fault")) return controlFault(request);
+  if (request.is_object() && request.contains("step")) return controlStep(request);
   if (!request.is_object() || request.empty()) {
     return fail(
         "the control body must be a JSON object such as {\"qr\": \"hello\"}, "
@@ -196,7 +242,8 @@ Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
       if (!parsed) return parsed.error();
       choice = parsed.value();
     } else {
-      return fail("unknown key \"" + key + "\": use \"qr\", \"source\" or \"fps\"");
+      return fail("unknown key \"" + key +
+                  "\": use \"qr\", \"source\", \"fps\", \"step\" or \"fault\"");
     }
   }
 
@@ -245,6 +292,33 @@ Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
   } else if (qr && producer.kind() == SourceChoice::Kind::Pattern) {
     store.waitFor([version](const Frame& f) { return f.tag >= version; }, deadline);
   }
+  return status();
+}
+
+// Faults and steps are requests of their own: they mix with no other key.
+Result<nlohmann::json> Server::Impl::controlFault(const nlohmann::json& request) {
+  auto fault = parseFaultRequest(request);
+  if (!fault) return fault.error();
+  faults.set(*fault);
+  return status();
+}
+
+Result<nlohmann::json> Server::Impl::controlStep(const nlohmann::json& request) {
+  if (request.size() != 1) return fail("\"step\" takes no other key: send {\"step\": N} alone");
+  const auto& value = request["step"];
+  if (!value.is_number_integer() || value.get<int64_t>() < 1 || value.get<int64_t>() > 1000000)
+    return fail("\"step\" must be a whole number of frames from 1 to 1000000");
+  if (!settings.snapshot().step) {
+    return conflict(
+        "the server is not in step mode, its frames follow the clock: start it with "
+        "zerlan serve --step");
+  }
+  const auto n = value.get<uint64_t>();
+  uint64_t steps = 0;
+  uint64_t version = settings.update([&](FrameSettings& s) { steps = s.steps += n; });
+  log("stepped " + std::to_string(n) + (n == 1 ? " frame" : " frames") + " (" +
+      std::to_string(steps) + " steps so far)");
+  store.waitFor([version](const Frame& f) { return f.tag >= version; }, Clock::now() + kControlWait);
   return status();
 }
 
@@ -335,7 +409,9 @@ Result<std::unique_ptr<Server>> Server::start(const ServerOptions& options,
                          p->clients,
                          [p] { return dumpJson(p->status()) + "\n"; },
                          [p](ControlJob job) { p->submitControl(std::move(job)); },
-                         [p] { p->sampleRate(Clock::now()); }};
+                         [p] { p->sampleRate(Clock::now()); },
+                         p->fetches,
+                         p->faults};
   auto listener = Listener::open(serving);
   if (!listener) return listener.error();
   impl->listener = std::move(listener.value());
@@ -352,7 +428,8 @@ Result<std::unique_ptr<Server>> Server::start(const ServerOptions& options,
   impl->sampleRate(Clock::now());
   impl->listener->start();
 
-  log("listening on " + impl->url + " (GET /frame), source: " + summary);
+  log("listening on " + impl->url + " (GET /frame), source: " + summary +
+      (settings.step ? "; step mode: each frame stays until POST /control {\"step\": N}" : ""));
   if (!isLoopback(options.host)) {
     log("warning: " + options.host +
         " is not a loopback address: other machines can see the feed and use the control API "

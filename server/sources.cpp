@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -42,6 +43,24 @@ void idleUntilStopped(const StopSignal& stop, const LiveSettings& settings) {
   while (!stop.requested()) {
     settings.sleepUntil(SteadyClock::now() + std::chrono::hours(1), stop, UINT64_MAX);
   }
+}
+
+// In step mode: waits until the frame to show differs from `shown` (none: the first frame);
+// returns it with the settings version it was asked in, or nothing when `stop` is requested.
+// Frame indexes count from the steps taken when the source started (`base`).
+struct StepTarget {
+  uint64_t index;
+  uint64_t version;
+};
+std::optional<StepTarget> waitForStep(const StopSignal& stop, const LiveSettings& settings,
+                                      uint64_t base, std::optional<uint64_t> shown) {
+  while (!stop.requested()) {
+    auto [s, version] = settings.snapshotWithVersion();
+    uint64_t target = s.steps - base;
+    if (!shown || target != *shown) return StepTarget{target, version};
+    settings.sleepUntil(SteadyClock::now() + std::chrono::hours(1), stop, version);
+  }
+  return std::nullopt;
 }
 
 Result<std::string> readFile(const std::string& path) {
@@ -99,6 +118,8 @@ class PatternSource final : public Source {
     (void)renderer.setPayload(payload);  // checked by openSource
     JpegEncoder encoder;
     auto due = SteadyClock::now();
+    const uint64_t base = ctx.settings.snapshot().steps;
+    uint64_t index = 0;
     while (!stop.requested()) {
       auto [settings, version] = ctx.settings.snapshotWithVersion();
       if (settings.qr != payload) {
@@ -107,12 +128,24 @@ class PatternSource final : public Source {
         }
         payload = settings.qr;
       }
-      RgbImage image = renderer.render(ctx.store.nextNumber(), std::chrono::system_clock::now());
+      if (settings.step) index = settings.steps - base;
+      // Step mode draws the source's own index and no clock, so that a step's frame is the same
+      // on every run; otherwise the server's frame number shows each fetch a new picture.
+      RgbImage image =
+          settings.step
+              ? renderer.render(index, std::nullopt)
+              : renderer.render(ctx.store.nextNumber(), std::chrono::system_clock::now());
       if (auto jpeg = encoder.encode(image, settings.quality)) {
-        ctx.store.publish(*jpeg, image.width, image.height, version);
+        ctx.store.publish(*jpeg, image.width, image.height, version, index);
       } else {
         ctx.log(jpeg.error().message);
       }
+      if (settings.step) {
+        // Redrawn for every change: a step, or a new payload on the current step.
+        ctx.settings.sleepUntil(SteadyClock::now() + std::chrono::hours(1), stop, version);
+        continue;
+      }
+      ++index;
       auto now = SteadyClock::now();
       due = std::max(due + periodOf(settings.fps), now);
       if (!ctx.settings.sleepUntil(due, stop, version)) return;
@@ -138,9 +171,20 @@ class ImageSource final : public Source {
   }
 
   void run(const StopSignal& stop, SourceContext& ctx) override {
-    ctx.store.publish(picture_.jpeg, picture_.size.width, picture_.size.height,
-                      ctx.settings.version());
-    idleUntilStopped(stop, ctx.settings);
+    auto [settings, version] = ctx.settings.snapshotWithVersion();
+    if (!settings.step) {
+      ctx.store.publish(picture_.jpeg, picture_.size.width, picture_.size.height, version);
+      idleUntilStopped(stop, ctx.settings);
+      return;
+    }
+    // Each step shows the picture again as the next frame, so a step is seen the same way
+    // whatever the source.
+    std::optional<uint64_t> shown;
+    while (auto step = waitForStep(stop, ctx.settings, settings.steps, shown)) {
+      ctx.store.publish(picture_.jpeg, picture_.size.width, picture_.size.height, step->version,
+                        step->index);
+      shown = step->index;
+    }
   }
 
  private:
@@ -165,9 +209,12 @@ class DirSource final : public Source {
   }
 
   void run(const StopSignal& stop, SourceContext& ctx) override {
+    const FrameSettings initial = ctx.settings.snapshot();
+    if (initial.step) return runStepped(stop, ctx, initial.steps);
     auto due = SteadyClock::now();
     size_t index = 0;
     size_t failuresInARow = 0;
+    uint64_t shown = 0;
     while (!stop.requested()) {
       auto [settings, version] = ctx.settings.snapshotWithVersion();
       auto picture = load(index, ctx);
@@ -178,7 +225,8 @@ class DirSource final : public Source {
         failuresInARow = 0;
       } else {
         failuresInARow = 0;
-        ctx.store.publish(picture->jpeg, picture->size.width, picture->size.height, version);
+        ctx.store.publish(picture->jpeg, picture->size.width, picture->size.height, version,
+                          shown++);
       }
       due = std::max(due + periodOf(settings.fps), SteadyClock::now());
       uint64_t v = version;
@@ -191,6 +239,22 @@ class DirSource final : public Source {
   }
 
  private:
+  // Frame i is the i-th picture in name order, looping; a file that does not load gives way to
+  // the next one.
+  void runStepped(const StopSignal& stop, SourceContext& ctx, uint64_t base) {
+    std::optional<uint64_t> shown;
+    while (auto step = waitForStep(stop, ctx.settings, base, shown)) {
+      shown = step->index;
+      for (size_t tried = 0; tried < files_.size(); ++tried) {
+        auto picture = load((step->index + tried) % files_.size(), ctx);
+        if (!picture) continue;
+        ctx.store.publish(picture->jpeg, picture->size.width, picture->size.height, step->version,
+                          step->index);
+        break;
+      }
+    }
+  }
+
   std::shared_ptr<const Picture> load(size_t index, SourceContext& ctx) {
     if (cache_[index]) return cache_[index];
     if (bad_[index]) return nullptr;
@@ -241,6 +305,9 @@ class VideoSource final : public Source {
     JpegEncoder encoder;
     std::optional<MediaFrame> frame = std::move(first_);
     first_ = {};
+    const FrameSettings initial = ctx.settings.snapshot();
+    if (initial.step) return runStepped(stop, ctx, encoder, std::move(*frame), initial.steps);
+    uint64_t index = 0;
     // Presentation times map onto the steady clock from the first frame of each loop.
     auto loopStart = SteadyClock::now();
     double loopFirstPts = std::nan("");
@@ -276,7 +343,7 @@ class VideoSource final : public Source {
         v = ctx.settings.version();
       }
       if (jpeg) {
-        ctx.store.publish(*jpeg, frame->image.width, frame->image.height, version);
+        ctx.store.publish(*jpeg, frame->image.width, frame->image.height, version, index++);
       } else {
         ctx.log(jpeg.error().message);
       }
@@ -298,6 +365,27 @@ class VideoSource final : public Source {
   }
 
  private:
+  // Frame i is the video's i-th frame, looping; the presentation times play no part.
+  void runStepped(const StopSignal& stop, SourceContext& ctx, JpegEncoder& encoder,
+                  MediaFrame frame, uint64_t base) {
+    std::optional<uint64_t> shown;
+    while (auto step = waitForStep(stop, ctx.settings, base, shown)) {
+      for (uint64_t i = shown ? *shown : step->index; i < step->index; ++i) {
+        auto next = nextFrame(ctx);
+        if (!next) break;  // keeps the last frame it has
+        frame = std::move(*next);
+      }
+      shown = step->index;
+      auto settings = ctx.settings.snapshot();
+      if (auto jpeg = encoder.encode(frame.image, settings.quality)) {
+        ctx.store.publish(*jpeg, frame.image.width, frame.image.height, step->version,
+                          step->index);
+      } else {
+        ctx.log(jpeg.error().message);
+      }
+    }
+  }
+
   std::optional<MediaFrame> nextFrame(SourceContext& ctx) {
     for (int attempt = 0; attempt < 2; ++attempt) {
       auto frame = reader_->next(size_);
@@ -356,10 +444,34 @@ class StreamSource final : public Source {
       });
       MjpegSplitter splitter;
       std::vector<char> buffer(1 << 16);
-      uint64_t received = 0;
+      uint64_t received = 0;  // good JPEGs so far: the next one's frame index
       int badReported = 0;
       bool warnedNotMjpeg = false;
+      // Step mode: good JPEGs not shown yet, in stream order. Reading waits while one is
+      // queued, so the writer is held back instead of the stream piling up here.
+      const FrameSettings initial = ctx.settings.snapshot();
+      const bool stepped = initial.step;
+      std::deque<std::pair<uint64_t, std::string>> queued;
+      std::optional<uint64_t> shown;
+      bool ended = false;
       while (!stop.requested()) {
+        if (stepped) {
+          auto [settings, version] = ctx.settings.snapshotWithVersion();
+          const uint64_t wanted = settings.steps - initial.steps;
+          while (!queued.empty() && queued.front().first < wanted) queued.pop_front();
+          if (!queued.empty() && (!shown || *shown != wanted)) {
+            auto& [index, jpeg] = queued.front();
+            auto size = jpegSize(jpeg);
+            ctx.store.publish(jpeg, size->width, size->height, version, index);
+            shown = index;
+            queued.pop_front();
+            continue;
+          }
+          if (!queued.empty() || (shown && *shown == wanted) || ended) {
+            ctx.settings.sleepUntil(SteadyClock::now() + std::chrono::hours(1), stop, version);
+            continue;
+          }
+        }
         pollfd fds[2] = {{fd_, POLLIN, 0}, {wake, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
           if (errno == EINTR) continue;
@@ -370,6 +482,12 @@ class StreamSource final : public Source {
         ssize_t n = ::read(fd_, buffer.data(), buffer.size());
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n <= 0) {
+          if (stepped && n == 0 && !queued.empty()) {
+            ctx.log("the MJPEG stream ended; " + std::to_string(queued.size()) +
+                    " frames are left to step through");
+            ended = true;
+            continue;
+          }
           ctx.log(n == 0 ? (received ? "the MJPEG stream ended; keeping the last frame"
                                      : "the MJPEG stream ended before a complete JPEG arrived")
                          : std::string("cannot read the MJPEG stream: ") + std::strerror(errno));
@@ -385,18 +503,23 @@ class StreamSource final : public Source {
                   " bytes without a JPEG): --stdin expects concatenated JPEG images, for example "
                   "ffmpeg -i INPUT -f mjpeg - | zerlan serve --stdin");
         }
-        // Only the newest image of a batch matters: each one replaces the one before.
-        for (auto it = images.rbegin(); it != images.rend(); ++it) {
-          auto size = jpegSize(*it);
+        // Live, only the newest image of a batch matters: each one replaces the one before.
+        std::optional<std::pair<uint64_t, Size>> newest;
+        for (size_t i = 0; i < images.size(); ++i) {
+          auto size = jpegSize(images[i]);
           if (!size) {
             badFrames_.fetch_add(1, std::memory_order_relaxed);
             if (badReported++ < 5)
               ctx.log("skipping a frame of the MJPEG stream: " + size.error().message);
             continue;
           }
+          if (stepped) queued.emplace_back(received, std::move(images[i]));
+          else newest = {i, *size};
           ++received;
-          ctx.store.publish(*it, size->width, size->height, ctx.settings.version());
-          break;
+        }
+        if (newest) {
+          ctx.store.publish(images[newest->first], newest->second.width, newest->second.height,
+                            ctx.settings.version(), received - 1);
         }
       }
     }

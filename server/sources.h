@@ -28,6 +28,9 @@ struct FrameSettings {
   int quality = 85;          // JPEG quality of generated frames, 1..100
   double fps = 10;           // pattern and folder frame rate
   std::string qr = "zerlan";
+  // Step mode: a source shows its frame until told to advance, and the pattern draws no clock.
+  bool step = false;
+  uint64_t steps = 0;  // steps asked for since the server started (step mode only)
 };
 
 // Settings that change while a source runs (QR payload, frame rate). Every change bumps the

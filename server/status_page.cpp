@@ -28,11 +28,16 @@ std::string_view statusPageHtml() {
   <img id="feed" alt="live feed from /frame">
   <section>
     <table>
+      <tr><th>Mode</th><td id="mode">…</td></tr>
       <tr><th>Source</th><td id="source">…</td></tr>
       <tr><th>QR payload</th><td id="qr">…</td></tr>
       <tr><th>Frame</th><td id="frame">…</td></tr>
+      <tr><th title="The source's own count: 0 for its first frame">Frame index</th><td id="frame_index">…</td></tr>
       <tr><th>Size</th><td id="size">…</td></tr>
       <tr><th>Frames served</th><td id="frames_served">…</td></tr>
+      <tr><th>Last fetch</th><td id="last_fetch">…</td></tr>
+      <tr><th title="Camera trouble on demand: POST /control {&quot;fault&quot;: KIND}">Fault on GET /frame</th><td id="fault">…</td></tr>
+      <tr><th>Faults injected</th><td id="faults">…</td></tr>
       <tr><th>Requests</th><td id="requests">…</td></tr>
       <tr><th>Requests/s</th><td id="rps">…</td></tr>
       <tr><th title="Connections open right now: fetches in progress and clients still sending or reading">Open connections</th><td id="clients">…</td></tr>
@@ -71,7 +76,22 @@ feed.onload = () => setTimeout(nextFrame, 100);
 feed.onerror = () => setTimeout(nextFrame, 1000);
 nextFrame();
 
+function faultText(f) {
+  if (!f) return "none";
+  if (f.seconds_left !== null) return f.kind + ", " + f.seconds_left.toFixed(1) + " s left";
+  if (f.requests_left !== null) return f.kind + ", " + f.requests_left + " requests left";
+  return f.kind + ", until cleared";
+}
 function show(s) {
+  $("mode").textContent = s.mode === "step"
+      ? "step: frames advance only on POST /control {\"step\": N} (" + s.steps + " steps so far)"
+      : "live";
+  $("frame_index").textContent = s.frame_index;
+  $("last_fetch").textContent = s.last_fetch === null ? "none yet"
+      : s.seconds_since_last_fetch.toFixed(1) + " s ago, frame index " + s.last_served_index;
+  $("fault").textContent = faultText(s.fault);
+  $("faults").textContent = Object.entries(s.faults).filter(([, n]) => n > 0)
+      .map(([k, n]) => k + " " + n).join(", ") || "none";
   $("source").textContent = s.source;
   // The QR payload is drawn by the test pattern only.
   $("qrform").hidden = s.source_kind !== "pattern";

@@ -8,6 +8,7 @@
 #include "session/Outputs.h"
 #include "session/Photo.h"
 #include "session/Session.h"
+#include "transport/FramePort.h"
 
 #include <string>
 
@@ -134,4 +135,8 @@ __attribute__((constructor)) static void ZerlanInstall()
     for (const ZerlanExchangeRow &row : ZerlanExchangeTable())
         ZerlanInstallRow(row);
     ZerlanLog(CFSTR("[ZerlanInject] AVFoundation compatibility layer loaded"));
+    ZerlanFramePort();
+    if (const char *ignored = zerlan::transport::ignoredFramePort())
+        ZerlanLog(CFSTR("[ZerlanInject] ZERLAN_FRAME_PORT \"%s\" is not a port (1 to 65535): fetching frames from 47654"),
+                  ignored);
 }

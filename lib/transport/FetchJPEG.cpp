@@ -1,6 +1,7 @@
 #include "transport/FetchJPEG.h"
 
 #include "objc/Frameworks.h"
+#include "transport/FramePort.h"
 #include "transport/SocketOptions.h"
 
 #include <arpa/inet.h>
@@ -143,5 +144,5 @@ Strong<> fetchJPEG(const sockaddr_in &endpoint)
 
 Strong<> ZerlanFetchJPEG()
 {
-    return zerlan::transport::fetchJPEG(zerlan::transport::loopbackEndpoint(zerlan::transport::kFramePort));
+    return zerlan::transport::fetchJPEG(zerlan::transport::loopbackEndpoint(ZerlanFramePort()));
 }

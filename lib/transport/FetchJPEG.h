@@ -1,6 +1,7 @@
 // One frame from the frame server on the loopback interface, over a fresh TCP connection.
 //
-// ZerlanFetchJPEG() connects to 127.0.0.1:47654, sends one fixed "GET /frame" request and returns
+// ZerlanFetchJPEG() connects to 127.0.0.1 at ZerlanFramePort() (47654 unless ZERLAN_FRAME_PORT
+// names another, see FramePort.h), sends one fixed "GET /frame" request and returns
 // every byte after the first blank line of an "HTTP/1.1 200" or "HTTP/1.0 200" answer, read
 // until the server closes (or stays silent for 1 s). Any failure is the same null result; it
 // never throws, never logs and keeps no state, so any thread may call it, several at once. It

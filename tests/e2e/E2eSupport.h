@@ -33,8 +33,8 @@ struct HttpAnswer {
     std::string body;
 };
 
-// One request to the frame server on loopback, read until the server closes.
-inline HttpAnswer http(const std::string &method, const std::string &path, const std::string &body = {})
+// One request to a frame server on loopback, read until the server closes.
+inline HttpAnswer http(uint16_t port, const std::string &method, const std::string &path, const std::string &body = {})
 {
     HttpAnswer answer;
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -42,7 +42,7 @@ inline HttpAnswer http(const std::string &method, const std::string &path, const
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
-    addr.sin_port = htons(kFramePort);
+    addr.sin_port = htons(port);
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
         std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
@@ -60,6 +60,12 @@ inline HttpAnswer http(const std::string &method, const std::string &path, const
     }
     close(fd);
     return answer;
+}
+
+// The same to the frame port.
+inline HttpAnswer http(const std::string &method, const std::string &path, const std::string &body = {})
+{
+    return http(kFramePort, method, path, body);
 }
 
 inline bool somethingListens()

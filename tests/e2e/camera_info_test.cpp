@@ -72,3 +72,30 @@ TEST(CameraInfoTest, DiagnosticsFollowThePresenceOfTheVariable)
 }
 
 } // namespace
+
+namespace {
+
+TEST(CameraInfoTest, AFramePortThatIsNoPortIsSetAsideAndSaidSoOnlyUnderDebug)
+{
+    const std::string line = "[ZerlanInject] ZERLAN_FRAME_PORT \"47654x\" is not a port (1 to 65535): "
+                             "fetching frames from 47654";
+    struct Case {
+        const char *port;
+        const char *debug;
+        bool says;
+    };
+    const Case cases[] = {
+        {"47654x", "1", true}, {"47654x", kUnset, false}, {"47700", "1", false}, {kUnset, "1", false}};
+    for (const Case &c : cases) {
+        std::map<std::string, std::string> env{{"ZERLAN_DEBUG", c.debug}, {"ZERLAN_FRAME_PORT", c.port}};
+        env["LD_PRELOAD"] = buildDir() + "/lib/libZerlanInject.so";
+        ProcessResult run = runProcess({buildDir() + "/bin/camera-info"}, env);
+        EXPECT_EQ(0, run.status) << run.err;
+        EXPECT_EQ(c.says, run.err.find(line) != std::string::npos)
+            << "ZERLAN_FRAME_PORT " << c.port << ", ZERLAN_DEBUG " << c.debug << ":\n" << run.err;
+        if (c.says)
+            EXPECT_EQ(std::string::npos, run.err.find("is not a port", run.err.find(line) + line.size())) << "said once";
+    }
+}
+
+} // namespace

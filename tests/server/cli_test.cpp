@@ -124,6 +124,22 @@ TEST(Cli, BusyPortIsARuntimeError) {
   EXPECT_EQ(first.wait(in(10s)), 0);
 }
 
+TEST(Cli, ServePlaysAScenarioAndReportsEachStepAsItFires) {
+  TempDir dir;
+  const std::string scenario = dir.write(
+      "play.json", "[{\"at\": 0, \"qr\": \"first\"},\n {\"after_fetches\": 1, \"qr\": \"second\"}]");
+  Child zerlan({"serve", "--port", "0", "--step", "--scenario", scenario});
+  uint16_t port = zerlan.waitForPort(in(10s));
+  ASSERT_NE(port, 0) << zerlan.stderrText();
+  ASSERT_TRUE(zerlan.waitForLine("scenario step 1 of 2 (line 1) at ", in(10s))) << zerlan.stderrText();
+  EXPECT_EQ(readQr(get(port, "/frame").body), "first");
+  ASSERT_TRUE(zerlan.waitForLine("scenario step 2 of 2 (line 2) at ", in(10s))) << zerlan.stderrText();
+  EXPECT_TRUE(zerlan.waitForLine("scenario " + scenario + " finished", in(10s)));
+  EXPECT_EQ(readQr(get(port, "/frame").body), "second");
+  zerlan.signal(SIGTERM);
+  EXPECT_EQ(zerlan.wait(in(10s)), 0);
+}
+
 TEST(Cli, ExitCodesForCommandLines) {
   TempDir dir;
   const std::string text = dir.write("notes.txt", "words");
@@ -152,6 +168,11 @@ TEST(Cli, ExitCodesForCommandLines) {
       {{"serve", "--host", "camera.example"}, 2, "is not an IP address"},
       {{"--version"}, 0, ""},
       {{"serve", "--qr", ""}, 2, "QR payload is empty"},
+      {{"serve", "--scenario", dir.file("none.json")}, 2, "none.json: no such scenario file"},
+      {{"serve", "--scenario", dir.write("bad.json", "[{\"at\": 0, \"qr\": \"A\"},\n {\"at\": 1, \"colour\": 1}]")},
+       2, "--scenario " + dir.file("bad.json") + ":2: unknown key \"colour\""},
+      {{"serve", "--scenario", dir.write("steps.json", "[\n{\"at\": 1, \"step\": 2}]")}, 2,
+       "steps.json:2: a \"step\" step needs step mode: add --step"},
   };
   for (const Case& c : cases) {
     Child zerlan(c.args);

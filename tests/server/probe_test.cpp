@@ -46,6 +46,14 @@ TEST(Probe, ReportsEachFrameOfARunningServer) {
   EXPECT_EQ(std::optional<std::string>("zerlan"), readQr(saved));
 }
 
+TEST(Probe, WithoutAPortItFetchesWhereTheLibraryWould) {
+  RunningServer running = startServer();
+  auto run = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--json"},
+                                         {{"ZERLAN_FRAME_PORT", std::to_string(running.port())}});
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(true, jsonLines(run.out).at(0)["frame"]);
+}
+
 TEST(Probe, MissingServerAndNonImageBodies) {
   auto down = probe(zerlan::testing::closedPort(), {"--count", "2"});
   EXPECT_EQ(1, down.status);

@@ -1,0 +1,185 @@
+// zerlan ctl, the binary, against no server, against servers that refuse a value, and doing
+// its work: each exit code a script relies on, with the message beside it.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <nlohmann/json.hpp>
+
+#include "Process.h"
+#include "support.h"
+
+namespace zerlan::test {
+namespace {
+
+using nlohmann::json;
+using server::SourceChoice;
+using testing::ProcessResult;
+using testing::runProcess;
+
+ProcessResult ctl(uint16_t port, std::vector<std::string> args,
+                  std::map<std::string, std::string> env = {{"ZERLAN_FRAME_PORT", testing::kUnset}}) {
+  std::vector<std::string> argv = {ZERLAN_BIN, "ctl"};
+  if (port) argv.insert(argv.end(), {"--port", std::to_string(port)});
+  argv.insert(argv.end(), args.begin(), args.end());
+  return runProcess(argv, env);
+}
+
+std::string line(const std::vector<std::string>& args) {
+  std::string text = "zerlan ctl";
+  for (const auto& a : args) text += " " + a;
+  return text;
+}
+
+json status(uint16_t port) { return json::parse(get(port, "/status").body, nullptr, false); }
+
+// A port nothing listens on: bound once, then let go.
+uint16_t closedPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  ::close(fd);
+  return ntohs(addr.sin_port);
+}
+
+TEST(Ctl, WithoutAServerEveryActionSaysSoAndExits1) {
+  const uint16_t port = closedPort();
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"status"}, {"status", "--json"}, {"qr", "A"}, {"step", "2"},
+        {"fault", "stall", "--seconds", "1"}, {"source", "pattern"},
+        {"wait", "--fetches", "1", "--timeout", "5"}}) {
+    ProcessResult r = ctl(port, args);
+    EXPECT_EQ(r.status, 1) << line(args) << "\n" << r.err;
+    EXPECT_NE(r.err.find("no frame server answers on 127.0.0.1:" + std::to_string(port) +
+                         ": start one with 'zerlan serve'"),
+              std::string::npos)
+        << line(args) << "\n" << r.err;
+    EXPECT_EQ(r.out, "") << line(args);
+  }
+}
+
+TEST(Ctl, GoodValuesApplyAndRefusedOnesExit3WithTheServersReason) {
+  TempDir dir;
+  const std::string photo = dir.write("photo.jpg", solidJpeg(64, 48, {0, 0, 255}));
+  std::filesystem::create_directory(dir.file("shots"));
+  dir.write("shots/1.jpg", solidJpeg(64, 48, {255, 0, 0}));
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  const uint16_t port = s.port();
+
+  struct Case {
+    std::vector<std::string> args;
+    int code;
+    std::string out;  // in standard output (0) or standard error (otherwise)
+    std::function<void()> then;
+  };
+  const std::vector<Case> cases = {
+      {{"qr", "HELLO"}, 0, "qr \"HELLO\" on the test pattern",
+       [&] { EXPECT_EQ(readQr(get(port, "/frame").body), "HELLO"); }},
+      {{"qr", ""}, 3, "the server refused it (HTTP 400): cannot use this QR payload",
+       [&] { EXPECT_EQ(status(port)["qr"], "HELLO"); }},
+      {{"step"}, 3, "(HTTP 409): the server is not in step mode", nullptr},
+      {{"image", dir.file("missing.jpg")}, 3, "missing.jpg does not exist",
+       [&] { EXPECT_EQ(status(port)["source_kind"], "pattern"); }},
+      {{"image", photo}, 0, "serving image " + photo,
+       [&] { EXPECT_EQ(get(port, "/frame").body, readFile(photo)); }},
+      {{"qr", "B"}, 3, "(HTTP 409): the QR payload is drawn on the test pattern only", nullptr},
+      {{"source", "dir", dir.file("shots")}, 0, "serving folder " + dir.file("shots"),
+       [&] { EXPECT_EQ(status(port)["source_kind"], "dir"); }},
+      {{"source", "pattern"}, 0, "serving test pattern",
+       [&] { EXPECT_EQ(status(port)["source_kind"], "pattern"); }},
+      {{"source", "video"}, 2, "video takes one path", nullptr},
+      {{"source", "webcam"}, 2, "unknown source \"webcam\"", nullptr},
+      {{"fault", "stall", "--seconds", "30"}, 0, "fault stall on GET /frame, ",
+       [&] { EXPECT_EQ(status(port)["fault"]["kind"], "stall"); }},
+      {{"fault", "none"}, 0, "no fault: GET /frame serves frames",
+       [&] { EXPECT_TRUE(status(port)["fault"].is_null()); }},
+      {{"fault", "http-error", "--requests", "2"}, 0, "2 requests left",
+       [&] {
+         EXPECT_EQ(get(port, "/frame").status, 503);
+         EXPECT_EQ(get(port, "/frame").status, 503);
+         EXPECT_EQ(get(port, "/frame").status, 200);
+       }},
+      {{"fault", "melt"}, 2, "zerlan ctl fault: KIND: melt", nullptr},
+      {{"fault", "stall", "--seconds", "1", "--requests", "1"}, 2, "excludes", nullptr},
+      {{"fault", "stall", "--requests", "0"}, 2, "--requests", nullptr},
+      {{"step", "0"}, 2, "N", nullptr},
+      {{"frobnicate"}, 2, "unknown action \"frobnicate\": use qr, image", nullptr},
+      {{}, 2, "name an action", nullptr},
+      {{"status"}, 0, "mode           live", nullptr},
+  };
+  for (const Case& c : cases) {
+    ProcessResult r = ctl(port, c.args);
+    EXPECT_EQ(r.status, c.code) << line(c.args) << "\n" << r.out << r.err;
+    const std::string& text = c.code == 0 ? r.out : r.err;
+    EXPECT_NE(text.find(c.out), std::string::npos) << line(c.args) << " said:\n" << r.out << r.err;
+    if (c.then) {
+      SCOPED_TRACE(line(c.args));
+      c.then();
+    }
+  }
+
+  ProcessResult asJson = ctl(port, {"status", "--json"});
+  EXPECT_EQ(asJson.status, 0);
+  json parsed = json::parse(asJson.out, nullptr, false);
+  ASSERT_TRUE(parsed.is_object()) << asJson.out;
+  EXPECT_EQ(parsed["address"], s.server->url());
+
+  ProcessResult portAfter = ctl(0, {"status", "--port", std::to_string(port)});
+  EXPECT_EQ(portAfter.status, 0) << "--port may follow the action: " << portAfter.err;
+
+  // Without --port, the port the library would use.
+  ProcessResult byEnvironment =
+      ctl(0, {"status", "--json"}, {{"ZERLAN_FRAME_PORT", std::to_string(port)}});
+  EXPECT_EQ(byEnvironment.status, 0) << byEnvironment.err;
+}
+
+TEST(Ctl, StepMovesAStepModeServerOn) {
+  server::FrameSettings settings;
+  settings.step = true;
+  auto s = startServer(SourceChoice::pattern(), settings);
+  ASSERT_TRUE(s.server);
+  const std::string before = get(s.port(), "/frame").body;
+  ProcessResult one = ctl(s.port(), {"step"});
+  EXPECT_EQ(one.status, 0) << one.err;
+  EXPECT_EQ(one.out, "frame index 1 after 1 steps\n");
+  ProcessResult more = ctl(s.port(), {"step", "4"});
+  EXPECT_EQ(more.out, "frame index 5 after 5 steps\n");
+  EXPECT_NE(get(s.port(), "/frame").body, before);
+}
+
+TEST(Ctl, WaitReturnsOnceTheFramesAreFetchedAndExits1WhenTheyAreNot) {
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  ProcessResult idle = ctl(s.port(), {"wait", "--fetches", "2", "--timeout", "0.3"});
+  EXPECT_EQ(idle.status, 1);
+  EXPECT_NE(idle.err.find("0 of 2 frames were fetched in 0.3 s"), std::string::npos) << idle.err;
+
+  const uint64_t requestsBefore = s.server->totals().requests;
+  auto waited = std::async(std::launch::async, [&] {
+    return ctl(s.port(), {"wait", "--fetches", "3", "--timeout", "60"});
+  });
+  // ctl counts from its first look at /status: let it take that look before fetching.
+  auto deadline = in(30s);
+  while (s.server->totals().requests == requestsBefore && Clock::now() < deadline)
+    std::this_thread::sleep_for(5ms);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(get(s.port(), "/frame").status, 200);
+  EXPECT_EQ(waited.wait_for(500ms), std::future_status::timeout) << "two frames are not three";
+  EXPECT_EQ(get(s.port(), "/frame").status, 200);
+  ASSERT_EQ(waited.wait_for(30s), std::future_status::ready);
+  ProcessResult done = waited.get();
+  EXPECT_EQ(done.status, 0) << done.err;
+  ProcessResult nothing = ctl(s.port(), {"wait", "--fetches", "0", "--timeout", "0"});
+  EXPECT_EQ(nothing.status, 0) << "no frames to wait for";
+}
+
+}  // namespace
+}  // namespace zerlan::test
