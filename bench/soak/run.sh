@@ -39,10 +39,11 @@ done
 
 work=$(mktemp -d /tmp/zerlan-soak.XXXXXX)
 pids=()
+status=0
 cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
-  rm -rf "$work"
+  if [ "$status" -eq 0 ]; then rm -rf "$work"; else echo "bench/soak: logs kept in $work"; fi
 }
 trap cleanup EXIT
 
@@ -78,11 +79,12 @@ PY
 pids+=("$!")
 
 # The library's fetch, one after another, for the whole run: rounds of 20 until told to stop.
-( while [ ! -e "$work/stop" ]; do "$fetch" 20 "$port" || echo "$port frames=0 failures=20"; done ) >"$work/fetch.txt" 2>&1 &
+( while [ ! -e "$work/stop" ]; do
+    "$fetch" 20 "$port" || echo "$port frames=0 failures=20 exit=$?"
+  done ) >"$work/fetch.txt" 2>&1 &
 fetcher=$!
 pids+=("$fetcher")
 
-status=0
 # Connections open at the server right now (slow clients included), from /status.
 open_connections() {
   curl -s "http://127.0.0.1:$port/status" | python3 -c 'import json, sys; print(json.load(sys.stdin)["clients"])' 2>/dev/null || echo "?"
