@@ -3,7 +3,7 @@
 PRESET ?= linux
 BUILD  := build
 
-.PHONY: all setup configure build test test-asan test-tsan ios-check demo bench clean
+.PHONY: all setup configure build test test-asan test-tsan ios-check demo bench soak fuzz clean
 
 all: build
 
@@ -43,5 +43,16 @@ bench: configure
 	@cmake --build --preset $(PRESET)
 	@bash bench/run
 
+# The frame server under minutes of load (bench/soak/run.sh, about 5 minutes); in neither
+# `make test` nor `make bench`.
+soak: configure
+	@bash scripts/setup --bench
+	@cmake --build --preset $(PRESET) --target zerlan bench-fetch-latency
+	@bash bench/soak/run.sh
+
+# libFuzzer on the request parser, the control body and the library's fetch, FUZZ_SECONDS each.
+fuzz: setup
+	@bash scripts/fuzz
+
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz

@@ -815,6 +815,26 @@ void Connection::expire() {
   close();
 }
 
+// Whether a server accepts connections at this address (the wildcard address reached through
+// loopback). A port can be in use without one: a client's connection bound to it, open or in
+// TIME_WAIT, blocks a bind on Linux even with SO_REUSEADDR.
+bool somethingListens(const addrinfo* ai) {
+  sockaddr_storage target{};
+  std::memcpy(&target, ai->ai_addr, std::min<size_t>(ai->ai_addrlen, sizeof target));
+  if (target.ss_family == AF_INET) {
+    auto* v4 = reinterpret_cast<sockaddr_in*>(&target);
+    if (v4->sin_addr.s_addr == htonl(INADDR_ANY)) v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  } else if (target.ss_family == AF_INET6) {
+    auto* v6 = reinterpret_cast<sockaddr_in6*>(&target);
+    if (IN6_IS_ADDR_UNSPECIFIED(&v6->sin6_addr)) v6->sin6_addr = in6addr_loopback;
+  }
+  int fd = platform::openSocket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
+  if (fd < 0) return false;
+  bool accepted = ::connect(fd, reinterpret_cast<sockaddr*>(&target), ai->ai_addrlen) == 0;
+  ::close(fd);
+  return accepted;
+}
+
 Result<int> listenOn(const std::string& host, uint16_t port, uint16_t& boundPort, tcp& protocol) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
@@ -828,6 +848,7 @@ Result<int> listenOn(const std::string& host, uint16_t port, uint16_t& boundPort
   }
   std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> list(found, &::freeaddrinfo);
   int lastErr = 0;
+  const addrinfo* busy = nullptr;
   for (addrinfo* ai = found; ai; ai = ai->ai_next) {
     int fd = platform::openSocket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
     if (fd < 0) {
@@ -842,6 +863,7 @@ Result<int> listenOn(const std::string& host, uint16_t port, uint16_t& boundPort
     if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0 ||
         ::bind(fd, ai->ai_addr, ai->ai_addrlen) != 0 || ::listen(fd, 4096) != 0) {
       lastErr = errno;
+      if (lastErr == EADDRINUSE) busy = ai;
       ::close(fd);
       continue;
     }
@@ -855,6 +877,11 @@ Result<int> listenOn(const std::string& host, uint16_t port, uint16_t& boundPort
   std::string p = std::to_string(port);
   switch (lastErr) {
     case EADDRINUSE:
+      if (busy && !somethingListens(busy)) {
+        return fail("port " + p +
+                    " is held by a connection, not by a server (a client socket bound to it, "
+                    "open or closing in TIME_WAIT): wait a minute for it to go, or try --port");
+      }
       return fail("port " + p + " is in use (is another zerlan serve running? try --port)");
     case EACCES:
       return fail("no permission to listen on port " + p +

@@ -46,6 +46,7 @@ struct Server::Impl {
   Result<nlohmann::json> control(const nlohmann::json& request);
   Result<nlohmann::json> controlFault(const nlohmann::json& request);
   Result<nlohmann::json> controlStep(const nlohmann::json& request);
+  Result<nlohmann::json> controlBody(std::string_view body);
   void sampleRate(Clock::time_point now);
   double requestsPerSecond(Clock::time_point now) const;
   void controlLoop();
@@ -322,6 +323,21 @@ Result<nlohmann::json> Server::Impl::controlStep(const nlohmann::json& request) 
   return status();
 }
 
+Result<nlohmann::json> Server::Impl::controlBody(std::string_view body) {
+  if (body.empty()) return fail("the control body is empty: send JSON such as {\"qr\": \"hello\"}");
+  // Any JSON error, not only a syntax error: a number too large for a double is refused with
+  // out_of_range, which must not end the server.
+  try {
+    return control(nlohmann::json::parse(body));
+  } catch (const nlohmann::json::exception& e) {
+    // what() starts with the library's "[json.exception.parse_error.101] " tag.
+    std::string what = e.what();
+    size_t tag = what.find("] ");
+    if (tag != std::string::npos) what.erase(0, tag + 2);
+    return fail("the control body is not valid JSON: " + what);
+  }
+}
+
 void Server::Impl::submitControl(ControlJob job) {
   {
     std::lock_guard lock(jobsMu);
@@ -341,22 +357,7 @@ void Server::Impl::controlLoop() {
       jobs.pop_front();
     }
     std::string response;
-    Result<nlohmann::json> result = fail("");
-    if (job.body.empty()) {
-      result = fail("the control body is empty: send JSON such as {\"qr\": \"hello\"}");
-    } else {
-      // Any JSON error, not only a syntax error: a number too large for a double is refused
-      // with out_of_range, which must not end the server.
-      try {
-        result = control(nlohmann::json::parse(job.body));
-      } catch (const nlohmann::json::exception& e) {
-        // what() starts with the library's "[json.exception.parse_error.101] " tag.
-        std::string what = e.what();
-        size_t tag = what.find("] ");
-        if (tag != std::string::npos) what.erase(0, tag + 2);
-        result = fail("the control body is not valid JSON: " + what);
-      }
-    }
+    Result<nlohmann::json> result = controlBody(job.body);
     if (result) {
       requests.add();
       response = http::response(200, "application/json", dumpJson(*result) + "\n");
@@ -452,6 +453,10 @@ nlohmann::json Server::status() const { return impl_->status(); }
 
 Result<nlohmann::json> Server::control(const nlohmann::json& request) {
   return impl_->control(request);
+}
+
+Result<nlohmann::json> Server::controlBody(std::string_view body) {
+  return impl_->controlBody(body);
 }
 
 ServerTotals Server::totals() const {

@@ -17,6 +17,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 #include "server/frame_store.h"
 #include "server/log.h"
@@ -75,6 +76,10 @@ class Server {
   // the new status or an error that says what is wrong. When it returns, GET /frame already
   // serves a frame that shows the change (a new source's first frame, the new QR payload).
   Result<nlohmann::json> control(const nlohmann::json& request);
+
+  // What POST /control does with the bytes of its body: parses them (any JSON error is an
+  // error result, never an exception) and applies them as control() does.
+  Result<nlohmann::json> controlBody(std::string_view body);
 
   ServerTotals totals() const;
   const FrameStore& frames() const;

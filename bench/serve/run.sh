@@ -172,7 +172,7 @@ fetcher="$(dirname "$zerlan")/bench-fetch-latency"
 if [ -x "$fetcher" ]; then
   echo "Library fetch (ZerlanFetchJPEG's transport), 2000 sequential fetches from each server"
   printf '%-10s %12s %12s\n' server 'p50 ms' 'p99 ms'
-  while read -r port _frames failures p50 p99; do
+  while read -r port _frames failures p50 p99 _max; do
     name=zerlan; [ "$port" = "$nport" ] && name=nginx
     printf '%-10s %12s %12s   %s\n' "$name" "${p50#p50_ms=}" "${p99#p99_ms=}" "${failures}"
     if [ "$name" = zerlan ] && awk -v p="${p99#p99_ms=}" 'BEGIN { exit !(p >= 1.0) }'; then

@@ -182,6 +182,7 @@ bool isKind(id object, const char *className)
 // custom button, Cancel is titled so, the status is the label directly on the root view.
 struct Screen {
     id shutter = nil, cancel = nil, mode = nil, status = nil, preview = nil;
+    std::vector<Strong<>> held_;
 
     explicit Screen(id controller)
     {
@@ -204,6 +205,11 @@ struct Screen {
             else if (isKind(view, "UIImageView"))
                 preview = view;
         }
+        // A tester keeps hold of what it found: the status is read once more after the screen
+        // has been dismissed and freed.
+        for (id control : {shutter, cancel, mode, status, preview})
+            if (control)
+                held_.push_back(Strong<>::retain(control));
     }
 
     bool showsPicture() const { return send<id>(preview, sel<"image">()) != nil; }

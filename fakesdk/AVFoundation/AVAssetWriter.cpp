@@ -113,12 +113,14 @@ struct WriterState {
 
     ~WriterState()
     {
+        bool running;
         {
             std::lock_guard guard(lock);
             stopping = true;
+            running = worker.joinable(); // a worker that finished the movie has let itself go
         }
         wake.notify_all();
-        if (worker.joinable())
+        if (running)
             worker.join();
         closeFile(false);
         if (finishHandler)
@@ -535,6 +537,9 @@ void workerLoop(WriterState *s)
                     s->status = kCompleted;
                 s->finishing = false;
                 completeFinish(*s);
+                // Nothing waits for this thread once the movie is done: it ends on its own instead
+                // of keeping its stack, unjoined, for as long as the app keeps the writer.
+                s->worker.detach();
                 return;
             }
             frame = std::move(s->queue.front());

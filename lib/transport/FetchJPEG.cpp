@@ -9,6 +9,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 
@@ -22,6 +25,12 @@ constexpr char kRequest[] = "GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nConnectio
 constexpr size_t kRequestLength = sizeof kRequest - 1;
 static_assert(kRequestLength == 59);
 constexpr size_t kChunk = 32768;
+// Bounds beyond the per-recv time-out: a server that trickles a byte just inside each time-out
+// would otherwise hold the caller (a photo capture on the app's main thread) without end, and one
+// that streams without end would grow the app without end. Past either, no frame.
+constexpr auto kDeadline = std::chrono::seconds(2);
+constexpr unsigned long kMaxBody = 32UL << 20;
+using Clock = std::chrono::steady_clock;
 const unsigned char kSeparator[4] = {'\r', '\n', '\r', '\n'};
 
 // Closes the socket exactly once, on every path.
@@ -54,18 +63,43 @@ bool sendRequest(int fd)
 }
 
 // Reads until the peer closes, fails or stays silent past the receive time-out; whatever
-// arrived is the response.
-Strong<> receiveAll(int fd)
+// arrived is the response. Nothing when the deadline passes first or the body outgrows the cap.
+Strong<> receiveAll(int fd, Clock::time_point deadline)
 {
     Strong<> response = allocInit<"init">("NSMutableData");
     unsigned char chunk[kChunk];
+    unsigned long received = 0;
+    unsigned long headerEnd = 0; // found once the response outgrows the cap
     for (;;) {
+        auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now());
+        if (left <= std::chrono::microseconds(0))
+            return nullptr;
+        bool lastStretch = left < std::chrono::seconds(1);
+        if (lastStretch) {
+            // The last stretch waits only until the deadline; a zero timeval would mean forever.
+            timeval shorter{0, static_cast<suseconds_t>(left.count())};
+            setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &shorter, sizeof shorter);
+        }
         ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n < 1)
-            break;
+        if (n == 0)
+            return response;
+        if (n < 0)
+            return lastStretch && (errno == EAGAIN || errno == EWOULDBLOCK) ? nullptr : response;
         send<void>(response, sel<"appendBytes:length:">(), static_cast<const void *>(chunk), static_cast<unsigned long>(n));
+        received += static_cast<unsigned long>(n);
+        if (received > kMaxBody) {
+            if (headerEnd == 0) {
+                auto *bytes = static_cast<const unsigned char *>(send<const void *>(response, sel<"bytes">()));
+                auto *end = bytes + received;
+                auto *found = std::search(bytes, end, kSeparator, kSeparator + sizeof kSeparator);
+                if (found == end)
+                    return nullptr; // no header end within 32 MiB: no answer of ours
+                headerEnd = static_cast<unsigned long>(found - bytes) + sizeof kSeparator;
+            }
+            if (received - headerEnd > kMaxBody)
+                return nullptr;
+        }
     }
-    return response;
 }
 
 struct ByteRange {
@@ -122,6 +156,7 @@ sockaddr_in loopbackEndpoint(uint16_t port)
 
 Strong<> fetchJPEG(const sockaddr_in &endpoint)
 {
+    const auto deadline = Clock::now() + kDeadline;
     Strong<> response;
     {
         Socket socket;
@@ -135,8 +170,10 @@ Strong<> fetchJPEG(const sockaddr_in &endpoint)
             return nullptr;
         if (!sendRequest(socket.fd()))
             return nullptr;
-        response = receiveAll(socket.fd());
+        response = receiveAll(socket.fd(), deadline);
     }
+    if (!response)
+        return nullptr;
     return bodyOf(response);
 }
 

@@ -217,7 +217,9 @@ TEST_F(PickerScreen, TwoQuickTapsDeliverOnePhotoOfTheFrameOnScreen)
 TEST_F(PickerScreen, CancelTellsTheDelegateOnceAndTheDismissalEndsPolling)
 {
     serve();
-    id screen = show();
+    // Held past the dismissal, so that the last check reads a screen that still exists: a
+    // dismissal that left the timer running would be hidden by the screen's deallocation.
+    Strong<> screen = Strong<>::retain(show());
     ASSERT_TRUE(waitForStatus(screen, "Tap to capture"));
     id cancel = objectAtIndex(send<id>(objectAtIndex(send<id>(send<id>(screen, sel<"view">()), sel<"subviews">()), 1),
                                        sel<"subviews">()),

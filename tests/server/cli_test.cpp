@@ -140,6 +140,24 @@ TEST(Cli, ServePlaysAScenarioAndReportsEachStepAsItFires) {
   EXPECT_EQ(zerlan.wait(in(10s)), 0);
 }
 
+// What a client sends ends up in the terminal's log: a QR payload with a line break cannot
+// forge a line of its own, and one with escape sequences cannot drive the terminal.
+TEST(Cli, ClientTextInTheLogIsEscaped) {
+  Child zerlan({"serve", "--port", "0"});
+  uint16_t port = zerlan.waitForPort(in(10s));
+  ASSERT_NE(port, 0) << zerlan.stderrText();
+  const std::string payload = "evil\nzerlan serve: forged line \x1b[2J\x1b]0;title\x07";
+  ASSERT_EQ(post(port, "/control", nlohmann::json{{"qr", payload}}.dump()).status, 200);
+  ASSERT_TRUE(zerlan.waitForLine("QR payload changed to", in(5s))) << zerlan.stderrText();
+  std::string log = zerlan.stderrText();
+  EXPECT_NE(log.find("evil\\x0azerlan serve: forged line \\x1b[2J\\x1b]0;title\\x07"), std::string::npos)
+      << log;
+  EXPECT_EQ(log.find("\nzerlan serve: forged line"), std::string::npos) << "a forged line of its own";
+  EXPECT_EQ(log.find('\x1b'), std::string::npos) << "a raw escape sequence";
+  zerlan.signal(SIGINT);
+  EXPECT_EQ(zerlan.wait(in(10s)), 0);
+}
+
 TEST(Cli, ExitCodesForCommandLines) {
   TempDir dir;
   const std::string text = dir.write("notes.txt", "words");

@@ -160,6 +160,45 @@ TEST(Listening, RestartsBesideConnectionsInTimeWait) {
   EXPECT_EQ(get(port, "/frame").status, 200);
 }
 
+// A port held only by a client's connection in TIME_WAIT (Linux refuses the bind even with
+// SO_REUSEADDR when that client did not set it) is not "another zerlan serve": the error says
+// what holds it. With a real server on the port the error still points at it.
+TEST(Listening, APortHeldByAClosingClientIsNotCalledAServer) {
+  int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  int client = connectTo(ntohs(address.sin_port));
+  ASSERT_GE(client, 0);
+  int accepted = ::accept(listener, nullptr, nullptr);
+  sockaddr_in local{};
+  length = sizeof local;
+  ASSERT_EQ(::getsockname(client, reinterpret_cast<sockaddr*>(&local), &length), 0);
+  uint16_t held = ntohs(local.sin_port);
+  ::close(client);  // the client closes first, so its side waits in TIME_WAIT
+  ASSERT_TRUE(waitForClose(accepted, in(5s)));
+  ::close(accepted);
+  ::close(listener);
+
+  ServerOptions options;
+  options.port = held;
+  auto s = server::Server::start(options, SourceChoice::pattern(), {}, {});
+  if (s.ok()) {
+    // BSD systems let SO_REUSEADDR bind beside a TIME_WAIT connection.
+    EXPECT_EQ(get(held, "/frame").status, 200);
+  } else {
+    const std::string& message = s.error().message;
+    EXPECT_EQ(message.find("another zerlan serve"), std::string::npos) << message;
+    EXPECT_NE(message.find("port " + std::to_string(held) + " is held by a connection, not by a server"),
+              std::string::npos)
+        << message;
+  }
+}
+
 TEST(Listening, ExposureBeyondLoopbackIsSpelledOut) {
   LogRecorder log;
   ServerOptions options;

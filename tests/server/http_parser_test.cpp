@@ -71,6 +71,12 @@ TEST(HttpParser, FieldsOfACompleteRequest) {
   ASSERT_EQ(cacheBuster.state, Parse::Complete);
   EXPECT_EQ(cacheBuster.request.path, "/frame");
   EXPECT_EQ(cacheBuster.request.target, "/frame?n=12");
+
+  // An absolute target with an empty authority and no path, as the fuzzer sent it: the root.
+  ParseResult noPath = parseRequestHead("GET http://?x=1 HTTP/1.0\nHost: 127.0.0.1\n\n", 8192);
+  ASSERT_EQ(noPath.state, Parse::Complete) << noPath.reason;
+  EXPECT_EQ(noPath.request.path, "/");
+  EXPECT_EQ(noPath.request.target, "http://?x=1");
 }
 
 // A head of exactly the limit is accepted; one byte more is 431, whether the blank line has

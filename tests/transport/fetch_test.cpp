@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <string>
+#include <thread>
 
 using zerlan::testing::ScriptedServer;
 using namespace zerlan::objc;
@@ -148,13 +149,14 @@ TEST_F(FetchTest, NoServerFailsAtOnce)
 
 TEST_F(FetchTest, AStalledServerYieldsWhatArrivedBeforeTheSilence)
 {
-    // One second of silence ends the fetch. The server waits up to three for the client to give
-    // up and close; a client still listening by then is sent more, and would return it.
+    // One second of silence ends the fetch. The server waits 1.5 s for the client to give up and
+    // close; a client still listening by then is sent more, and would return it within the
+    // fetch's 2 s deadline.
     ScriptedServer server([](int fd) {
         ScriptedServer::readHead(fd);
         ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\n\r\nab");
         pollfd closed{fd, POLLIN, 0};
-        if (::poll(&closed, 1, 3000) == 0)
+        if (::poll(&closed, 1, 1500) == 0)
             ScriptedServer::writeAll(fd, "cd");
         return true;
     });
@@ -203,6 +205,68 @@ TEST(FetchSignalTest, APeerGoneBeforeTheRequestIsSentRaisesNoSignal)
         },
         ::testing::ExitedWithCode(0), "")
         << "no frame, and no SIGPIPE";
+}
+
+// A server that trickles a complete answer a byte every 0.5 s would take about 10 s; the fetch
+// gives up at its 2 s deadline with nothing, as a photo capture on the main thread must not wait.
+TEST_F(FetchTest, ATricklingServerGetsNoFrameAfterTheDeadline)
+{
+    const std::string response = "HTTP/1.1 200 OK\r\n\r\nab";
+    ScriptedServer server([&](int fd) {
+        ScriptedServer::readHead(fd);
+        for (char c : response) {
+            if (::send(fd, &c, 1, MSG_NOSIGNAL) != 1)
+                break; // the client has gone
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        return true;
+    });
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(fetchFrom(server));
+    auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(1900)) << "each gap is under the 1 s silence";
+    EXPECT_LT(took, std::chrono::seconds(8)) << "the whole answer takes about 10 s to trickle";
+}
+
+// The cap is on the body: exactly 32 MiB arrives whole, one byte more is no frame, and a server
+// that streams zeros without end is cut off near the cap instead of growing the caller.
+TEST_F(FetchTest, TheBodyIsCappedAt32MiB)
+{
+    constexpr size_t kCap = 32u << 20;
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: image/jpeg\r\n\r\n";
+    for (size_t size : {kCap, kCap + 1}) {
+        std::string body(size, 'z');
+        body.back() = 'e';
+        ScriptedServer server(answer(head + body));
+        Strong<> frame = fetchFrom(server);
+        if (size == kCap) {
+            ASSERT_TRUE(frame) << "exactly the cap";
+            EXPECT_EQ(size, send<unsigned long>(frame.get(), sel<"length">()));
+            EXPECT_EQ(body, bytesOf(frame));
+        } else {
+            EXPECT_FALSE(frame) << "one byte over the cap";
+        }
+    }
+
+    std::atomic<size_t> streamed{0};
+    {
+        ScriptedServer endless([&](int fd) {
+            ScriptedServer::readHead(fd);
+            ScriptedServer::writeAll(fd, head);
+            const std::string zeros(65536, '\0');
+            for (;;) {
+                ssize_t n = ::send(fd, zeros.data(), zeros.size(), MSG_NOSIGNAL);
+                if (n <= 0)
+                    break;
+                streamed += size_t(n);
+            }
+            return true;
+        });
+        EXPECT_FALSE(fetchFrom(endless));
+    } // waits until the server's sends fail on the closed connection
+    // What the server got into the kernel before the client closed: the cap plus socket buffers.
+    EXPECT_GE(streamed.load(), kCap);
+    EXPECT_LT(streamed.load(), kCap + (16u << 20)) << "the client read on past the cap";
 }
 
 } // namespace
