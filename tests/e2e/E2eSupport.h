@@ -109,23 +109,31 @@ inline std::string readFile(const fs::path &path)
 }
 
 // `zerlan serve` on the frame port, stopped with SIGTERM (or killed) when the test is done.
+// Starts argv[0] with its standard error written to `log`; the child's pid, or -1.
+inline pid_t spawnLogged(std::vector<std::string> argv, const fs::path &log)
+{
+    std::vector<char *> raw;
+    for (auto &s : argv)
+        raw.push_back(s.data());
+    raw.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, raw[0], &actions, nullptr, raw.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
 class FrameServer {
 public:
     explicit FrameServer(std::vector<std::string> args)
     {
         std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", std::to_string(kFramePort)};
         argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char *> raw;
-        for (auto &s : argv)
-            raw.push_back(s.data());
-        raw.push_back(nullptr);
         log_ = fs::temp_directory_path() / ("zerlan-e2e-serve-" + std::to_string(getpid()) + ".log");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        pid_ = spawnLogged(argv, log_);
     }
     ~FrameServer() { stop(SIGTERM); }
 

@@ -20,17 +20,7 @@ public:
     StepServer()
     {
         log_ = fs::temp_directory_path() / ("zerlan-e2e-faults-" + std::to_string(getpid()) + ".log");
-        std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", "0", "--step"};
-        std::vector<char *> raw;
-        for (auto &s : argv)
-            raw.push_back(s.data());
-        raw.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        pid_ = spawnLogged({buildDir() + "/bin/zerlan", "serve", "--port", "0", "--step"}, log_);
         std::regex listening("listening on http://127\\.0\\.0\\.1:([0-9]+)/");
         waitFor(
             [&] {
