@@ -135,7 +135,12 @@ public:
         log_ = fs::temp_directory_path() / ("zerlan-e2e-serve-" + std::to_string(getpid()) + ".log");
         pid_ = spawnLogged(argv, log_);
     }
-    ~FrameServer() { stop(SIGTERM); }
+    ~FrameServer()
+    {
+        stop(SIGTERM);
+        std::error_code ignored;
+        fs::remove(log_, ignored);
+    }
 
     // Whether it serves frames before the deadline (a frame, not just a listening socket).
     bool waitUntilServing()
