@@ -373,14 +373,18 @@ void Worker::acceptReady() {
   for (int i = 0; i < kAcceptBatch; ++i) {
     int fd = platform::acceptConnection(listenFd_);
     if (fd < 0) {
-      if (errno == EINTR || errno == ECONNABORTED) continue;
-      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      const int err = errno;  // shedding makes calls of its own
+      if (err == EINTR || err == ECONNABORTED) continue;
+      if (err == EAGAIN || err == EWOULDBLOCK) {
         // The reactor reports edges: wait only once the backlog is empty.
         waitForClients();
         return;
       }
-      if ((errno == EMFILE || errno == ENFILE) && shedOneConnection()) continue;
-      if (errno != EMFILE && errno != ENFILE) ctx.errorLog("accept failed: " + errnoText(errno));
+      if (err == EMFILE || err == ENFILE) {
+        if (shedOneConnection()) continue;
+      } else {
+        ctx.errorLog("accept failed: " + errnoText(err));
+      }
       retryAcceptSoon();
       return;
     }
@@ -420,9 +424,11 @@ bool Worker::shedOneConnection() {
       listener_.spareFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
   }
+  // Out of descriptors, accept fails even when nobody is waiting: then nothing was shed.
+  if (!shed) return false;
   ctx.errors.add();
   ctx.errorLog("out of file descriptors, closed a new connection: raise the limit (ulimit -n)");
-  return shed;
+  return true;
 }
 
 void Worker::refuseBusy(int fd) {

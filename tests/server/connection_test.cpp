@@ -218,6 +218,11 @@ TEST(Listening, ExposureBeyondLoopbackIsSpelledOut) {
 // With few descriptors left, connections beyond them are accepted and closed at once rather
 // than left in the backlog, the thread keeps serving, and the cause is logged.
 TEST(Listening, ShedsConnectionsWhenOutOfDescriptors) {
+#if ZERLAN_UBSAN_VPTR
+  // UBSan's runtime checks a vtable through a pipe it opens; out of descriptors it cannot, and
+  // reports every virtual member call (error_code comparisons included) as a bad type.
+  GTEST_SKIP() << "UndefinedBehaviorSanitizer's vptr check needs free descriptors";
+#endif
   Child zerlan("/bin/sh", {"-c", "ulimit -n 48 && exec \"$0\" serve --port 0 --threads 1",
                            ZERLAN_BIN});
   uint16_t port = zerlan.waitForPort(in(10s));
@@ -238,8 +243,10 @@ TEST(Listening, ShedsConnectionsWhenOutOfDescriptors) {
   EXPECT_GT(shed, 0);
   EXPECT_GT(served, 0);
   EXPECT_EQ(get(port, "/frame").status, 200) << "serving again once descriptors are free";
+  // An empty backlog at the limit is no failure and sheds nothing.
+  EXPECT_EQ(zerlan.stderrText().find("accept failed"), std::string::npos) << zerlan.stderrText();
   zerlan.signal(SIGTERM);
-  EXPECT_EQ(zerlan.wait(in(10s)), 0);
+  EXPECT_EQ(zerlan.wait(in(10s)), 0) << zerlan.stderrText();
 }
 
 TEST(Platform, DescriptorsAreNotInheritedAndOwnPathIsKnown) {
