@@ -17,7 +17,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -314,17 +314,22 @@ public:
         EXPECT_EQ(ssize_t(jpeg.size()), ::write(fd, jpeg.data(), jpeg.size()));
         ::close(fd);
         file_ = path;
+        // The server must not outlive a test that crashes or is killed on a timeout: setpriv gives
+        // it a death signal. Spawned, not forked: a forked child of this many-threaded process can
+        // hang before its exec under ThreadSanitizer.
         std::string binary = buildDir() + "/bin/zerlan";
-        pid_ = fork();
-        if (pid_ == 0) {
-            // The server must not outlive a test that crashes or is killed on a timeout.
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            int null = ::open("/dev/null", O_WRONLY);
-            dup2(null, 2);
-            execl(binary.c_str(), binary.c_str(), "serve", "--port", "47654", "--image", file_.c_str(),
-                  static_cast<char *>(nullptr));
-            _exit(127);
-        }
+        std::vector<std::string> argv{"/usr/bin/setpriv", "--pdeathsig", "KILL", "--", binary, "serve",
+                                      "--port",           "47654",       "--image", file_};
+        std::vector<char *> raw;
+        for (std::string &arg : argv)
+            raw.push_back(arg.data());
+        raw.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
     }
 
     static std::string buildDir()
