@@ -1,11 +1,5 @@
 // zerlan ctl: the control interface of a running `zerlan serve` from the shell, for scripts and
 // UI tests: what the camera shows, steps, faults, and waiting until the app has fetched frames.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -20,9 +14,10 @@
 #include <vector>
 
 #include "cli/command.h"
-#include "server/platform.h"
+#include "cli/loopback.h"
 #include "server/result.h"
 #include "server/server.h"
+#include "transport/FramePort.h"
 
 namespace zerlan::cli {
 
@@ -58,66 +53,23 @@ struct CtlOptions {
   double timeout = 30;
 };
 
-struct Answer {
-  int status = 0;
-  std::string body;
-};
-
 // The port from the command line, or the one the library uses (ZERLAN_FRAME_PORT, 47654).
-int portOf(const CtlOptions& o) {
-  if (o.port != 0) return o.port;
-  if (const char* env = std::getenv("ZERLAN_FRAME_PORT")) {
-    char* end = nullptr;
-    long p = std::strtol(env, &end, 10);
-    if (*env && *end == '\0' && p >= 1 && p <= 65535) return static_cast<int>(p);
-  }
-  return server::kDefaultPort;
-}
+int portOf(const CtlOptions& o) { return o.port != 0 ? o.port : ZerlanFramePort(); }
 
-// One request on a fresh connection to 127.0.0.1:port. Fails only when nothing answers.
-server::Result<Answer> exchange(int port, const std::string& method, const std::string& path,
-                                const std::string& body = {}) {
-  auto noServer = server::fail("no frame server answers on 127.0.0.1:" + std::to_string(port) +
-                               ": start one with 'zerlan serve' (or name its port with --port)");
-  int fd = platform::openSocket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) return noServer;
-  timeval limit{kAnswerSeconds, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return noServer;
+// One request to 127.0.0.1:port. Fails when nothing answers, or something that is no HTTP server.
+server::Result<HttpAnswer> exchange(int port, const std::string& method, const std::string& path,
+                                    const std::string& body = {}) {
+  auto answer = loopbackRequest(static_cast<uint16_t>(port), method, path, body,
+                                std::chrono::seconds(kAnswerSeconds));
+  if (!answer) {
+    return server::fail("no frame server answers on 127.0.0.1:" + std::to_string(port) +
+                        ": start one with 'zerlan serve' (or name its port with --port)");
   }
-  std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
-                        std::to_string(port) + "\r\nConnection: close\r\n";
-  if (method == "POST") {
-    request += "Content-Type: application/json\r\nContent-Length: " +
-               std::to_string(body.size()) + "\r\n";
-  }
-  request += "\r\n" + body;
-  for (size_t sent = 0; sent < request.size();) {
-    ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, platform::kSendNoSignal);
-    if (n <= 0) {
-      close(fd);
-      return noServer;
-    }
-    sent += static_cast<size_t>(n);
-  }
-  std::string raw;
-  char buffer[16384];
-  for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) raw.append(buffer, static_cast<size_t>(n));
-  close(fd);
-  Answer answer;
-  size_t headEnd = raw.find("\r\n\r\n");
-  if (headEnd == std::string::npos || std::sscanf(raw.c_str(), "HTTP/1.%*d %d", &answer.status) != 1) {
+  if (answer->status == 0) {
     return server::fail("something on 127.0.0.1:" + std::to_string(port) +
                         " answered, but not as zerlan serve does: is it another program?");
   }
-  answer.body = raw.substr(headEnd + 4);
-  return answer;
+  return *answer;
 }
 
 int runtimeError(const std::string& name, const std::string& message) {

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/loopback.h"
 #include "server/media.h"
 #include "server/platform.h"
 
@@ -177,35 +178,10 @@ int fail(const std::string& message) {
   return kExitRuntime;
 }
 
-// One HTTP/1.1 exchange with the frame server on loopback, Connection: close. Returns the status
-// code, or 0 when there was no answer.
+// The status of one request to the frame server, or 0 when there was no answer.
 int httpStatus(uint16_t port, const std::string& method, const std::string& path, const std::string& body = {}) {
-  int fd = platform::openSocket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) return 0;
-  timeval timeout{2, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return 0;
-  }
-  std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
-  if (!body.empty())
-    request += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
-  request += "\r\n" + body;
-  std::string answer;
-  if (send(fd, request.data(), request.size(), platform::kSendNoSignal) == static_cast<ssize_t>(request.size())) {
-    char buffer[4096];
-    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  int status = 0;
-  if (std::sscanf(answer.c_str(), "HTTP/1.%*d %d", &status) != 1) return 0;
-  return status;
+  auto answer = loopbackRequest(port, method, path, body, std::chrono::seconds(2));
+  return answer ? answer->status : 0;
 }
 
 // What a sample app printed (its one JSON line) and how it ended. `error` says why there is no

@@ -1,0 +1,60 @@
+#include "cli/loopback.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "server/platform.h"
+
+namespace zerlan::cli {
+
+std::optional<HttpAnswer> loopbackRequest(uint16_t port, const std::string& method,
+                                          const std::string& path, const std::string& body,
+                                          std::chrono::seconds timeout) {
+  int fd = platform::openSocket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0) return std::nullopt;
+  timeval limit{static_cast<decltype(timeval::tv_sec)>(timeout.count()), 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return std::nullopt;
+  }
+  std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
+                        std::to_string(port) + "\r\nConnection: close\r\n";
+  if (method == "POST") {
+    request += "Content-Type: application/json\r\nContent-Length: " +
+               std::to_string(body.size()) + "\r\n";
+  }
+  request += "\r\n" + body;
+  for (size_t sent = 0; sent < request.size();) {
+    ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, platform::kSendNoSignal);
+    if (n <= 0) {
+      close(fd);
+      return std::nullopt;
+    }
+    sent += static_cast<size_t>(n);
+  }
+  std::string raw;
+  char buffer[16384];
+  for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) raw.append(buffer, static_cast<size_t>(n));
+  close(fd);
+  HttpAnswer answer;
+  size_t headEnd = raw.find("\r\n\r\n");
+  if (headEnd == std::string::npos || std::sscanf(raw.c_str(), "HTTP/1.%*d %d", &answer.status) != 1) {
+    answer.status = 0;
+    return answer;
+  }
+  answer.body = raw.substr(headEnd + 4);
+  return answer;
+}
+
+}  // namespace zerlan::cli
