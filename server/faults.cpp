@@ -124,13 +124,13 @@ void FaultInjector::expireLocked(Clock::time_point now) const {
   log_(line);
 }
 
-FaultKind FaultInjector::take(Clock::time_point now) {
+FaultKind FaultInjector::take() {
   if (!active_.load(std::memory_order_acquire)) return FaultKind::None;
   std::string line;
   FaultKind kind;
   {
     std::lock_guard lock(mu_);
-    expireLocked(now);
+    expireLocked(Clock::now());
     kind = kind_;
     if (kind == FaultKind::None) return kind;
     ++applied_;

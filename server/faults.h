@@ -61,7 +61,7 @@ class FaultInjector {
 
   // The fault for one GET /frame, counted against its kind and its request limit; None when
   // no fault is in force. Cheap when there is none.
-  FaultKind take(Clock::time_point now = Clock::now());
+  FaultKind take();
 
   // {"kind": ..., "seconds_left": ..., "requests_left": ...} or null.
   nlohmann::json current(Clock::time_point now = Clock::now()) const;
