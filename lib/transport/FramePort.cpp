@@ -17,8 +17,9 @@ struct Setting {
 
 const Setting &setting()
 {
-    // Read once: an app that changes its environment later does not move the feed.
-    static const Setting read = [] {
+    // Read once: an app that changes its environment later does not move the feed. Never
+    // destroyed: a poll cycle may still be fetching while exit() runs the destructors of statics.
+    static const Setting *read = new Setting([] {
         Setting s;
         const char *value = std::getenv("ZERLAN_FRAME_PORT");
         if (!value)
@@ -30,8 +31,8 @@ const Setting &setting()
             s.value = value;
         }
         return s;
-    }();
-    return read;
+    }());
+    return *read;
 }
 
 } // namespace
