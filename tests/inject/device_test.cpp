@@ -1,5 +1,6 @@
 // The fabricated camera as an app sees it, pass-through to a working camera when the system has
 // one, and who is handed the camera by a discovery session.
+#include "UnknownCaller.h"
 #include "inject/FakeDevice.h"
 #include "inject/Registry.h"
 #include "objc/Frameworks.h"
@@ -8,9 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
-
-#include <cstring>
+#include <optional>
 #include <string>
 
 using namespace zerlan::objc;
@@ -134,33 +133,6 @@ TEST_F(DeviceTest, ARealCameraWinsAndAnswersForItselfThroughEveryMethod)
     EXPECT_EQ(real, objectAtIndex(send<id>(discoverySession(), sel<"devices">()), 0));
 }
 
-// Calls `devices` from code that lies in no loaded image: a few bytes of machine code in an
-// anonymous mapping that call the implementation and return.
-id devicesFromUnknownCaller(id session)
-{
-#if defined(__x86_64__)
-    SEL selector = sel<"devices">();
-    IMP target = class_getMethodImplementation(object_getClass(session), selector);
-    unsigned char code[] = {
-        0x48, 0x83, 0xEC, 0x08,                         // sub rsp, 8 (keep the call aligned)
-        0x48, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0,             // mov rax, target
-        0xFF, 0xD0,                                     // call rax
-        0x48, 0x83, 0xC4, 0x08,                         // add rsp, 8
-        0xC3,                                           // ret
-    };
-    std::memcpy(code + 6, &target, sizeof target);
-    void *page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED)
-        return reinterpret_cast<id>(-1);
-    std::memcpy(page, code, sizeof code);
-    id result = reinterpret_cast<id (*)(id, SEL)>(page)(session, selector);
-    munmap(page, 4096);
-    return result;
-#else
-    return reinterpret_cast<id>(-1);
-#endif
-}
-
 TEST_F(DeviceTest, DiscoveryHandsTheCameraOnlyToAppCode)
 {
     id session = discoverySession();
@@ -171,10 +143,10 @@ TEST_F(DeviceTest, DiscoveryHandsTheCameraOnlyToAppCode)
 
     EXPECT_EQ(0u, count(SystemCallerDevices(session))) << "code under /System/Library/ keeps the empty list";
 
-    id fromNowhere = devicesFromUnknownCaller(session);
-    if (fromNowhere == reinterpret_cast<id>(-1))
+    std::optional<id> fromNowhere = zerlan::testing::sendFromUnknownCaller(session, sel<"devices">());
+    if (!fromNowhere)
         GTEST_SKIP() << "no way to run code outside an image here";
-    EXPECT_EQ(0u, count(fromNowhere)) << "a caller that cannot be placed gets nothing";
+    EXPECT_EQ(0u, count(*fromNowhere)) << "a caller that cannot be placed gets nothing";
 }
 
 TEST_F(DeviceTest, SystemFrameworkAddressesAreToldFromAppCode)
