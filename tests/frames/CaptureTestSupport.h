@@ -290,6 +290,19 @@ inline bool runMainUntil(double seconds, std::function<bool()> condition)
     });
 }
 
+// Waits on this thread without running its run loop (it may be the main thread, busy) until the
+// condition holds (true) or the deadline passes (false).
+inline bool waitUntil(double seconds, std::function<bool()> condition)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 // Runs the main queue until everything submitted to it before this call has run.
 inline bool drainMainQueue(double seconds = 5)
 {

@@ -1,12 +1,15 @@
 // The fabricated camera's input, its port and the outputs' fabricated connections, and who is
 // shown them: app code yes, the system frameworks' own code never.
 #include "CaptureTestSupport.h"
+#include "UnknownCaller.h"
 
 #include "inject/Connections.h"
 #include "inject/FakeDevice.h"
 #include "inject/Registry.h"
 
 #include <fakesdk/avfoundation_np.h>
+
+#include <latch>
 
 using namespace capture_test;
 
@@ -93,10 +96,28 @@ TEST_F(ConnectionsTest, ConnectionOverTheFabricatedPort)
     EXPECT_EQ(newer.get(), ZerlanConnectionForOutput(output));
     EXPECT_EQ(3, send<long>(newer.get(), sel<"videoOrientation">()));
 
-    // Over real ports only, the framework builds an ordinary connection.
+    // Over real ports only, the framework builds an ordinary connection and answers for it: a
+    // video connection can mirror and keeps the orientation it is given...
     Strong<> real = allocInit<"initWithInputPorts:output:">("AVCaptureConnection", arrayWithObject(realPort), output.get());
     ASSERT_TRUE(real);
     EXPECT_FALSE(ZerlanMarked(real, &kFakeConnectionKey));
+    EXPECT_TRUE(send<BOOL>(real.get(), sel<"isVideoMirroringSupported">()));
+    send<void>(real.get(), sel<"setVideoOrientation:">(), 1L);
+    EXPECT_EQ(1, send<long>(real.get(), sel<"zerlan_videoOrientation">())) << "the framework was given it";
+    EXPECT_EQ(1, send<long>(real.get(), sel<"videoOrientation">()));
+
+    // ...and one without a video port refuses orientations.
+    Strong<> portless = allocInit<"initWithInputPorts:output:">("AVCaptureConnection", send<id>(cls("NSArray"), sel<"array">()),
+                                                                output.get());
+    ASSERT_TRUE(portless);
+    EXPECT_FALSE(send<BOOL>(portless.get(), sel<"isVideoOrientationSupported">()));
+    bool refused = false;
+    try {
+        send<void>(portless.get(), sel<"setVideoOrientation:">(), 1L);
+    } catch (id) {
+        refused = true;
+    }
+    EXPECT_TRUE(refused) << "the framework's refusal";
 }
 
 TEST_F(ConnectionsTest, FabricatedInputsAndConnectionsOutliveEverythingTheAppHeld)
@@ -166,6 +187,57 @@ TEST_F(ConnectionsTest, WhoSeesTheFabricatedConnections)
     // An output no fabricated session accepted is the framework's, whoever asks.
     EXPECT_EQ(0u, count(send<id>(unaccepted.get(), sel<"connections">())));
     EXPECT_EQ(nil, AppSession::connectionOf(unaccepted));
+}
+
+TEST_F(ConnectionsTest, AnUnknownCallerCountsAsAppCode)
+{
+    // Code in no image (JIT-compiled code, say) cannot be shown to be the system's: it is the app's.
+    AppSession app;
+    Strong<> video = app.add("AVCaptureVideoDataOutput");
+    id connection = AppSession::connectionOf(video);
+    std::optional<id> connections = zerlan::testing::sendFromUnknownCaller(video, sel<"connections">());
+    if (!connections)
+        GTEST_SKIP() << "no way to run code outside an image here";
+    ASSERT_EQ(1u, count(*connections));
+    EXPECT_EQ(connection, objectAtIndex(*connections, 0));
+    EXPECT_EQ(connection, zerlan::testing::sendFromUnknownCaller(video, sel<"connectionWithMediaType:">(), AVMediaTypeVideo));
+}
+
+TEST_F(ConnectionsTest, FabricationOnManyThreadsAtOnceKeepsEveryObject)
+{
+    // This thread holds the retained-object list's lock, as a thread in the middle of its own
+    // append would: an input fabricated meanwhile waits for it before joining the list.
+    fabricatedCamera();
+    unsigned long before = count(gRetainedFakeObjects);
+    std::atomic<bool> made{false};
+    std::thread fabricator;
+    {
+        ObjectLock held(gRetainedFakeObjects);
+        fabricator = std::thread([&] {
+            AutoreleasePool pool;
+            fabricatedInput();
+            made = true;
+        });
+        EXPECT_FALSE(waitUntil(1, [&] { return made.load(); })) << "appended while another thread held the list's lock";
+    }
+    fabricator.join();
+    EXPECT_EQ(before + 1, count(gRetainedFakeObjects));
+
+    // Threads that fabricate at once lose none of each other's appends (ThreadSanitizer sees any
+    // append made outside the lock here).
+    constexpr int kThreads = 4, kEach = 1000;
+    std::latch start(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&] {
+            AutoreleasePool pool;
+            start.arrive_and_wait();
+            for (int i = 0; i < kEach; ++i)
+                fabricatedInput();
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(before + 1 + kThreads * kEach, count(gRetainedFakeObjects));
 }
 
 TEST_F(ConnectionsTest, FrameworkInternalsKeepTheFrameworksConnections)
