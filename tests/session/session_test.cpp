@@ -1,6 +1,7 @@
 // Capture sessions and outputs as an app configures them: which sessions become fabricated, what
 // they list and answer, and how the outputs' configuration reaches the library or the system.
 #include "CaptureTestSupport.h"
+#include "ScriptedServer.h"
 
 #include "inject/Registry.h"
 #include "session/Session.h"
@@ -8,6 +9,7 @@
 #include <fakesdk/avfoundation_np.h>
 
 using namespace capture_test;
+using zerlan::testing::ScriptedServer;
 
 namespace {
 
@@ -26,6 +28,16 @@ protected:
     static BOOL ask(id session, const char *selector, id argument)
     {
         return send<BOOL>(session, sel_registerName(selector), argument);
+    }
+
+    // The session methods whose system implementation ran, oldest first.
+    std::vector<std::string> receivedBySystem()
+    {
+        Strong<> names = Strong<>::adopt(AVCaptureSessionCopyReceivedMessages_np(session_));
+        std::vector<std::string> out;
+        for (id name : elements(names))
+            out.push_back(text(name));
+        return out;
     }
 
     AutoreleasePool pool_;
@@ -81,15 +93,38 @@ TEST_F(SessionTest, AddInputWithNoConnectionsMakesTheSessionFabricated)
     EXPECT_TRUE(ZerlanMarked(session_, &kFakeSessionKey)) << "never left";
 }
 
+// Declared before the tests that start a fabricated session: the frame client must still be idle.
+TEST_F(SessionTest, AnUnmarkedSessionRunsAsTheSystemSaysAndPollsNothing)
+{
+    // A listener on the library's port (this test has a network of its own) counts the fetches.
+    ScriptedServer frames([](int) { return true; }, zerlan::transport::kFramePort);
+    ASSERT_TRUE(frames.listening()) << "port 47654 is busy";
+
+    // The fabricated input does not make these the library's: only the session's mark does.
+    Strong<> output = allocInit<"init">("AVCaptureVideoDataOutput");
+    send<void>(session_.get(), sel<"startRunning">());
+    send<void>(session_.get(), sel<"stopRunning">());
+    send<void>(session_.get(), sel<"removeInput:">(), input_.get());
+    send<void>(session_.get(), sel<"removeOutput:">(), output.get());
+    bool refused = false;
+    try {
+        send<void>(session_.get(), sel<"addConnection:">(), static_cast<id>(nil));
+    } catch (id) {
+        refused = true;
+    }
+    EXPECT_TRUE(refused) << "the system's refusal of a nil connection";
+    EXPECT_EQ((std::vector<std::string>{"startRunning", "stopRunning", "removeInput:", "removeOutput:", "addConnection:"}),
+              receivedBySystem());
+    EXPECT_FALSE(runMainUntil(1, [&] { return frames.connections() > 0; })) << "the system's session started polling";
+
+    // Once the session is the library's, its start begins polling at once.
+    ASSERT_TRUE(ask(session_, "canAddInput:", input_));
+    send<void>(session_.get(), sel<"startRunning">());
+    EXPECT_TRUE(runMainUntil(10, [&] { return frames.connections() > 0; }));
+}
+
 TEST_F(SessionTest, AFabricatedSessionKeepsEveryCallFromTheSystemButARealInputs)
 {
-    auto reachedSystem = [&] {
-        Strong<> names = Strong<>::adopt(AVCaptureSessionCopyReceivedMessages_np(session_));
-        std::vector<std::string> out;
-        for (id name : elements(names))
-            out.push_back(text(name));
-        return out;
-    };
     // The whole of an app's configuration of a camera session, and taking it down again.
     Strong<> output = allocInit<"init">("AVCaptureVideoDataOutput");
     ASSERT_TRUE(ask(session_, "canAddInput:", input_));
@@ -108,7 +143,7 @@ TEST_F(SessionTest, AFabricatedSessionKeepsEveryCallFromTheSystemButARealInputs)
     send<id>(session_.get(), sel<"outputs">());
     send<void>(session_.get(), sel<"removeOutput:">(), output.get());
     send<void>(session_.get(), sel<"removeInput:">(), input_.get());
-    EXPECT_EQ(std::vector<std::string>{}, reachedSystem()) << "the system never heard of this session";
+    EXPECT_EQ(std::vector<std::string>{}, receivedBySystem()) << "the system never heard of this session";
 
     // A real input is the system's business, even on a fabricated session: here a camera that
     // has been unplugged since its input was made, which the system refuses.
@@ -117,7 +152,7 @@ TEST_F(SessionTest, AFabricatedSessionKeepsEveryCallFromTheSystemButARealInputs)
     ASSERT_TRUE(real);
     AVCaptureDeviceUnregisterAll_np();
     EXPECT_FALSE(ask(session_, "canAddInput:", real)) << "the system's answer";
-    EXPECT_EQ(std::vector<std::string>{"canAddInput:"}, reachedSystem());
+    EXPECT_EQ(std::vector<std::string>{"canAddInput:"}, receivedBySystem());
 }
 
 TEST_F(SessionTest, OutputsAreListedOnceAndClassified)

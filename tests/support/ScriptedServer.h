@@ -21,16 +21,18 @@ public:
     // unless the script returns false (it closed or reset it itself).
     using Script = std::function<bool(int fd)>;
 
-    explicit ScriptedServer(Script script) : script_(std::move(script))
+    // Port 0 picks a free one. A fixed port may be taken by another process: see listening().
+    explicit ScriptedServer(Script script, uint16_t port = 0) : script_(std::move(script))
     {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
         int on = 1;
         setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         sockaddr_in address{};
         address.sin_family = AF_INET;
+        address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        ::listen(listener_, 16);
+        listening_ = ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
+                     ::listen(listener_, 16) == 0;
         socklen_t length = sizeof address;
         getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
         port_ = ntohs(address.sin_port);
@@ -45,6 +47,7 @@ public:
         thread_.join();
     }
 
+    bool listening() const { return listening_; }
     uint16_t port() const { return port_; }
     int connections() const { return connections_; }
 
@@ -96,6 +99,7 @@ private:
 
     Script script_;
     int listener_ = -1;
+    bool listening_ = false;
     uint16_t port_ = 0;
     std::atomic<bool> stopping_{false};
     std::atomic<int> connections_{0};
