@@ -1,65 +1,60 @@
 // The frame client polling a frame server on 127.0.0.1:47654, as an app's running session sees
 // it: one poll chain however often it is started, every frame to every registered receiver, the
-// last good frame kept when the server goes away, and bytes that are no image reaching nobody.
+// last good frame kept when the server goes away, bytes that are no image reaching nobody, and the
+// cycle's work (fetch, decode, sample buffers) kept on the user-interactive global queue.
 #include "CaptureTestSupport.h"
+#include "ScriptedServer.h"
 
 #include "frames/FrameClient.h"
 
 #include <fakesdk/media_np.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <dlfcn.h>
 
-#include <atomic>
+#include <map>
 
 using namespace capture_test;
+using zerlan::testing::ScriptedServer;
+
+namespace {
+std::mutex gBuiltLock;
+std::map<CMSampleBufferRef, std::string> gBuiltOn; // each sample buffer made: the queue that made it
+} // namespace
+
+// The platform's call that makes a ready sample buffer, as the library makes it, noting which
+// queue ran it. The test program's definition comes before the framework's for every caller.
+extern "C" OSStatus CMSampleBufferCreateReadyWithImageBuffer(CFAllocatorRef allocator, CVImageBufferRef imageBuffer,
+                                                             CMVideoFormatDescriptionRef formatDescription,
+                                                             const CMSampleTimingInfo *sampleTiming,
+                                                             CMSampleBufferRef *sampleBufferOut)
+{
+    using Create = OSStatus (*)(CFAllocatorRef, CVImageBufferRef, CMVideoFormatDescriptionRef, const CMSampleTimingInfo *,
+                                CMSampleBufferRef *);
+    static Create real = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "CMSampleBufferCreateReadyWithImageBuffer"));
+    OSStatus status = real(allocator, imageBuffer, formatDescription, sampleTiming, sampleBufferOut);
+    if (status == 0 && sampleBufferOut && *sampleBufferOut) {
+        std::lock_guard guard(gBuiltLock);
+        gBuiltOn[*sampleBufferOut] = dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL);
+    }
+    return status;
+}
 
 namespace {
 
-// Answers every request on the library's port with a 200 whose body is not an image.
-class GarbageServer {
-public:
-    GarbageServer()
-    {
-        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        int on = 1;
-        setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(47654);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bound_ = ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                 ::listen(listener_, 16) == 0;
-        thread_ = std::thread([this] {
-            for (;;) {
-                int fd = ::accept(listener_, nullptr, nullptr);
-                if (fd < 0)
-                    return;
-                char buffer[512];
-                ::recv(fd, buffer, sizeof buffer, 0);
-                const char answer[] = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nthis is not a picture";
-                ::send(fd, answer, sizeof answer - 1, MSG_NOSIGNAL);
-                ::close(fd);
-                ++served_;
-            }
-        });
-    }
-    ~GarbageServer()
-    {
-        ::shutdown(listener_, SHUT_RDWR);
-        ::close(listener_);
-        thread_.join();
-    }
-    bool bound() const { return bound_; }
-    int served() const { return served_; }
+std::string builtOn(CMSampleBufferRef buffer)
+{
+    std::lock_guard guard(gBuiltLock);
+    auto found = gBuiltOn.find(buffer);
+    return found == gBuiltOn.end() ? "<not made by the platform's call>" : found->second;
+}
 
-private:
-    int listener_;
-    bool bound_ = false;
-    std::atomic<int> served_{0};
-    std::thread thread_;
-};
+// Answers with a 200 whose body is not an image.
+bool answerGarbage(int fd)
+{
+    ScriptedServer::readHead(fd);
+    ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nthis is not a picture");
+    return true;
+}
 
 class PollTest : public ::testing::Test {
 protected:
@@ -85,10 +80,10 @@ protected:
 // Declared first: a frame that decodes must not have been seen earlier in this process.
 TEST_F(PollTest, BytesThatAreNoImageReachNobody)
 {
-    GarbageServer server;
-    ASSERT_TRUE(server.bound()) << "port 47654 is busy";
+    ScriptedServer server(answerGarbage, zerlan::transport::kFramePort);
+    ASSERT_TRUE(server.listening()) << "port 47654 is busy";
     send<void>(app_.session.get(), sel<"startRunning">());
-    ASSERT_TRUE(runMainUntil(10, [&] { return server.served() >= 3; })) << "polling goes on after a bad frame";
+    ASSERT_TRUE(runMainUntil(10, [&] { return server.connections() >= 3; })) << "polling goes on after a bad frame";
     ASSERT_TRUE(drainMainQueue());
     EXPECT_FALSE(ZerlanFrameClient::shared().latestJPEG());
     EXPECT_EQ(0u, video_->size(&Recording::samples));
@@ -100,13 +95,11 @@ TEST_F(PollTest, PollingNeedsNothingFromTheMainThread)
 {
     // A fetch blocks for as long as the server takes: on the main queue it would freeze the app.
     // This thread stands for a busy main thread and never runs its loop, yet polling goes on.
-    GarbageServer server;
-    ASSERT_TRUE(server.bound()) << "port 47654 is busy";
+    ScriptedServer server(answerGarbage, zerlan::transport::kFramePort);
+    ASSERT_TRUE(server.listening()) << "port 47654 is busy";
     send<void>(app_.session.get(), sel<"startRunning">());
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (server.served() < 3 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_GE(server.served(), 3) << "poll cycles, and the pauses between them, ran without the main queue";
+    EXPECT_TRUE(waitUntil(20, [&] { return server.connections() >= 3; }))
+        << "poll cycles, and the pauses between them, ran without the main queue";
 }
 
 TEST_F(PollTest, OneChainFeedsEveryReceiverAndKeepsTheLastGoodFrame)
@@ -134,6 +127,9 @@ TEST_F(PollTest, OneChainFeedsEveryReceiverAndKeepsTheLastGoodFrame)
                                     CMSampleBufferGetPresentationTimeStamp(samples[i - 1].buffer()));
         EXPECT_GE(CMTimeGetSeconds(gap), 0.1) << "one cycle at a time, 100 ms after the end of the last";
     }
+    for (const Call &sample : samples)
+        EXPECT_EQ("com.apple.root.user-interactive-qos", builtOn(sample.buffer()))
+            << "the poll cycle, sample buffers included, runs on the user-interactive global queue";
     EXPECT_EQ("test.poll", samples[0].queue);
     EXPECT_EQ(output_.get(), samples[0].output);
     EXPECT_TRUE(CALayerContentsLastSetOnMainThread_np(layer_));
