@@ -230,6 +230,54 @@ TEST_F(ConsumeTest, LayersGetEachFrameOnceOnTheMainThread)
     }
 }
 
+// A preview layer that, while it is being painted, has another thread register a layer and
+// notes whether that registration ended before the painting did.
+struct PaintingRace {
+    id session, late;
+    std::thread registrar;
+    std::atomic<bool> registered{false};
+    bool registeredWhilePainting = false;
+};
+PaintingRace *gPaintingRace;
+
+void setContentsWhileRegistering(id self, SEL selector, id contents)
+{
+    if (PaintingRace *race = std::exchange(gPaintingRace, nullptr)) {
+        race->registrar = std::thread([race] {
+            AutoreleasePool pool;
+            send<void>(race->late, sel<"setSession:">(), race->session);
+            race->registered = true;
+        });
+        race->registeredWhilePainting = waitUntil(1, [race] { return race->registered.load(); });
+    }
+    sendSuper<void>(object_getClass(self), self, selector, contents);
+}
+
+TEST_F(ConsumeTest, LayersAreNotRegisteredWhileAFrameIsPainted)
+{
+    static std::once_flag declared;
+    std::call_once(declared, [] {
+        Class c = objc_allocateClassPair(objc_getClass("AVCaptureVideoPreviewLayer"), "ConsumeTestRacingLayer", 0);
+        class_addMethod(c, sel_registerName("setContents:"), imp(setContentsWhileRegistering), "v@:@");
+        objc_registerClassPair(c);
+    });
+    Strong<> painted = allocInit<"init">("ConsumeTestRacingLayer");
+    send<void>(painted.get(), sel<"setSession:">(), app_.session.get());
+    Strong<> late = allocInit<"init">("AVCaptureVideoPreviewLayer");
+    PaintingRace race;
+    race.session = app_.session.get();
+    race.late = late.get();
+    gPaintingRace = &race;
+
+    consume(plain_);
+    ASSERT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(painted) == 1; }));
+    race.registrar.join();
+    EXPECT_FALSE(race.registeredWhilePainting) << "the layer table was changed while it was being painted";
+
+    consume(plain_);
+    EXPECT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(late) == 1; })) << "registered after all";
+}
+
 TEST_F(ConsumeTest, PreviewLayerSessions)
 {
     // A fabricated session stays away from the system's setter: the layer keeps its own session.
@@ -290,8 +338,11 @@ TEST_F(ConsumeTest, OneMetadataCallPerChangeOfPayload)
 TEST_F(ConsumeTest, TwoCodesInViewAlternate)
 {
     Strong<> output = app_.add("AVCaptureMetadataOutput");
-    Strong<> q = serialQueue("test.metadata");
-    send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), metadata_.get(), queue(q));
+    {
+        // The app lets go of its queue once it has handed it over.
+        Strong<> q = serialQueue("test.metadata");
+        send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), metadata_.get(), queue(q));
+    }
     std::string left = payloadFor("left"), right = payloadFor("right");
     Canvas both = twoCodesFrame(left, right);
     for (int i = 0; i < 4; ++i)

@@ -261,10 +261,14 @@ TEST_F(OutputAdapterTest, MetadataOutputIsQROnlyAndKeepsItsDelegate)
     ASSERT_EQ(1u, count(types));
     EXPECT_TRUE(isEqualToString(AVMetadataObjectTypeQRCode, objectAtIndex(types, 0)));
 
-    long retained = objc_retainCount_np(delegate_.get());
-    send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), delegate_.get(), static_cast<dispatch_queue_t>(nullptr));
+    // The system's setter is not called, so nothing but the library keeps the delegate and queue
+    // that the app may let go of.
+    Strong<> q = Strong<>::adopt(reinterpret_cast<id>(dispatch_queue_create("test.metadata", nullptr)));
+    long retained = objc_retainCount_np(delegate_.get()), queueRetained = objc_retainCount_np(q);
+    send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), delegate_.get(), reinterpret_cast<dispatch_queue_t>(q.get()));
     EXPECT_EQ(delegate_.get(), objc_getAssociatedObject(output, &kMetadataDelegateKey));
     EXPECT_EQ(retained + 1, objc_retainCount_np(delegate_.get())) << "the metadata delegate is retained";
+    EXPECT_EQ(queueRetained + 1, objc_retainCount_np(q)) << "the metadata queue is retained";
     EXPECT_EQ(nil, send<id>(output.get(), sel<"metadataObjectsDelegate">())) << "the system's setter is not called";
 }
 
