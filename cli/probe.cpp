@@ -1,6 +1,5 @@
 // zerlan probe: fetches frames exactly as the injected library does (its own transport code) and
 // reports what came back, so a server can be checked before an app is pointed at it.
-#include <ZXing/ReadBarcode.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
@@ -22,6 +21,7 @@
 #include "cli/command.h"
 #include "server/image.h"
 #include "server/platform.h"
+#include "server/qr_reader.h"
 #include "transport/FetchJPEG.h"
 #include "transport/FramePort.h"
 
@@ -47,9 +47,7 @@ std::optional<Decoded> decode(const std::string& bytes) {
   auto image = server::decodeJpeg(bytes);
   if (!image) return std::nullopt;
   Decoded out{image->width, image->height, std::nullopt};
-  ZXing::ImageView view(image->pixels.data(), image->width, image->height, ZXing::ImageFormat::RGB);
-  auto result = ZXing::ReadBarcode(view, ZXing::DecodeHints().setFormats(ZXing::BarcodeFormat::QRCode));
-  if (result.isValid()) out.qr = result.text();
+  out.qr = server::readQrCode(*image);
   return out;
 }
 

@@ -1,7 +1,6 @@
 #define ZX_USE_UTF8 1
 #include "support.h"
 
-#include <ZXing/ReadBarcode.h>
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -18,6 +17,8 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+
+#include "server/qr_reader.h"
 
 extern char** environ;
 
@@ -168,11 +169,7 @@ server::Size jpegSizeOf(std::string_view jpeg) {
 std::optional<std::string> readQr(std::string_view jpeg) {
   auto image = server::decodeJpeg(jpeg);
   if (!image) return std::nullopt;
-  ZXing::ImageView view(image->pixels.data(), image->width, image->height, ZXing::ImageFormat::RGB);
-  auto hints = ZXing::DecodeHints().setFormats(ZXing::BarcodeFormat::QRCode);
-  auto result = ZXing::ReadBarcode(view, hints);
-  if (!result.isValid()) return std::nullopt;
-  return result.text();
+  return server::readQrCode(*image);
 }
 
 TempDir::TempDir() {
