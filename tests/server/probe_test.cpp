@@ -1,5 +1,4 @@
-// zerlan probe fetches with the library's own transport and reports each fetch; zerlan launch
-// explains itself where there is no Simulator.
+// zerlan probe fetches with the library's own transport and reports each fetch.
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
@@ -116,15 +115,6 @@ TEST(Probe, TellsNoServerFromAServerThatGaveNoFrame) {
   auto noFrame = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(busy.port())});
   EXPECT_EQ(1, noFrame.status);
   EXPECT_NE(std::string::npos, noFrame.err.find("although a server answers")) << noFrame.err;
-}
-
-TEST(Launch, OutsideMacOSItSaysWhatToUseInstead) {
-  auto run = zerlan::testing::runProcess({ZERLAN_BIN, "launch", "com.example.Scanner"});
-  EXPECT_EQ(1, run.status);
-  EXPECT_NE(std::string::npos, run.err.find("zerlan demo")) << run.err;
-  EXPECT_EQ(2, zerlan::testing::runProcess({ZERLAN_BIN, "launch"}).status) << "the bundle ID is required";
-  EXPECT_EQ(2, zerlan::testing::runProcess({ZERLAN_BIN, "launch", "--port", "0", "com.example.Scanner"}).status)
-      << "a port is 1 to 65535";
 }
 
 }  // namespace
