@@ -118,6 +118,17 @@ class Launch : public ::testing::Test {
     return zerlan::testing::runProcess(argv, env);
   }
 
+  // A checkout as a Mac has it, with the command from the macos preset and the library from
+  // ios-simulator; returns the command.
+  fs::path checkout() {
+    fs::path root = dir.path() / "zerlan";
+    fs::create_directories(root / "build-macos" / "bin");
+    fs::create_directories(root / "build-ios" / "lib");
+    fs::copy_file(ZERLAN_BIN, root / "build-macos" / "bin" / "zerlan");
+    fs::copy_file(library, root / "build-ios" / "lib" / "libZerlanInject.dylib");
+    return root / "build-macos" / "bin" / "zerlan";
+  }
+
   Recorded recorded() const {
     Recorded r;
     r.ran = fs::exists(dir.file("xcrun.log"));
@@ -136,18 +147,12 @@ class Launch : public ::testing::Test {
 };
 
 TEST_F(Launch, FindsTheLibraryOfItsCheckoutAndHandsTheAppOverToSimctl) {
-  // A checkout as a Mac has it: the command from the macos preset, the library from ios-simulator.
-  fs::path checkout = dir.path() / "zerlan";
-  fs::create_directories(checkout / "build-macos" / "bin");
-  fs::create_directories(checkout / "build-ios" / "lib");
-  fs::copy_file(ZERLAN_BIN, checkout / "build-macos" / "bin" / "zerlan");
-  fs::path built = checkout / "build-ios" / "lib" / "libZerlanInject.dylib";
-  fs::copy_file(library, built);
+  fs::path zerlan = checkout();
+  fs::path built = dir.path() / "zerlan" / "build-ios" / "lib" / "libZerlanInject.dylib";
 
   // Standard input stands for the terminal that --console shares with the app.
   StandardInputFrom terminal(dir.write("terminal", ""));
-  auto run =
-      launch({"com.example.YourApp"}, "launched", {}, (checkout / "build-macos" / "bin" / "zerlan").string());
+  auto run = launch({"com.example.YourApp"}, "launched", {}, zerlan.string());
   EXPECT_EQ(0, run.status) << run.err;
   auto r = recorded();
   EXPECT_EQ((std::vector<std::string>{"simctl", "launch", "--terminate-running-process", "booted",
@@ -160,6 +165,25 @@ TEST_F(Launch, FindsTheLibraryOfItsCheckoutAndHandsTheAppOverToSimctl) {
   EXPECT_NE(std::string::npos, run.out.find("com.example.YourApp: 4242")) << "simctl's answer reaches stdout";
   EXPECT_NE(std::string::npos, run.err.find("with " + built.string())) << run.err;
   EXPECT_EQ(std::string::npos, run.err.find("log show")) << "no hint about diagnostics without --debug";
+}
+
+TEST_F(Launch, TheReadmesLaunchCommandsRunAsWritten) {
+  std::istringstream readme(readFile(ZERLAN_SOURCE_DIR "/README.md"));
+  fs::path zerlan = checkout();
+  int found = 0;
+  for (std::string line; std::getline(readme, line);) {
+    const std::string command = "build-macos/bin/zerlan launch ";
+    if (line.rfind(command, 0) != 0) continue;
+    SCOPED_TRACE(line);
+    ++found;
+    std::istringstream words(line.substr(command.size(), line.find(" #") - command.size()));
+    std::vector<std::string> args;
+    for (std::string word; words >> word;) args.push_back(word);
+    auto run = launch(args, "launched", {}, zerlan.string());
+    EXPECT_EQ(0, run.status) << run.err;
+    EXPECT_EQ("com.example.YourApp", recorded().args.at(recorded().args.size() - 1));
+  }
+  EXPECT_GE(found, 2) << "the README's Mac section starts an app with zerlan launch";
 }
 
 TEST_F(Launch, PassesItsOptionsToSimctlAndTheApp) {
