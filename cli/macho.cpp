@@ -22,6 +22,7 @@ constexpr uint32_t kBuildVersion = 0x32;        // LC_BUILD_VERSION
 constexpr uint32_t kIOSSimulator = 7;           // PLATFORM_IOSSIMULATOR
 constexpr size_t kHeaderSize = 32;              // sizeof(mach_header_64)
 constexpr uint32_t kMostSlices = 64;
+constexpr uint32_t kMostCommandBytes = 1 << 20;  // a dylib's are a few KiB: more is damage
 
 struct Named {
   uint32_t value;
@@ -122,7 +123,9 @@ std::optional<std::string> checkSlice(File& file, const Slice& slice, std::optio
            " part does not start where its table says)";
   if (little32(*header, 12) != kDylib) return "is a Mach-O file but not a dynamic library";
   uint32_t commands = little32(*header, 16);
-  auto bytes = file.read(slice.offset + kHeaderSize, little32(*header, 20));
+  uint32_t commandBytes = little32(*header, 20);
+  auto bytes =
+      commandBytes <= kMostCommandBytes ? file.read(slice.offset + kHeaderSize, commandBytes) : std::nullopt;
   if (!bytes) return "is a damaged Mach-O file (its load commands are cut short)";
   size_t at = 0;
   for (uint32_t i = 0; i < commands && at + 8 <= bytes->size(); ++i) {

@@ -276,6 +276,8 @@ TEST_F(Launch, RefusesALibraryTheSimulatorCannotLoadBeforeAskingIt) {
        "is built for iOS devices, not for the iOS Simulator"},
       {"macos", thin({hostCpu(), kDylib, kMacOS}), "is built for macOS, not for the iOS Simulator"},
       {"executable", thin({hostCpu(), kExecutable}), "is a Mach-O file but not a dynamic library"},
+      {"huge-commands", thin({hostCpu()}).replace(20, 4, "\xff\xff\xff\x7f"),
+       "is a damaged Mach-O file (its load commands are cut short)"},
       {"cut-table", universal({{kArm64}, {kX86_64}}).substr(0, 20),
        "is a damaged universal file (its table of architectures is cut short)"},
       {"cut-slice", universal({{kArm64}, {kX86_64}}).substr(0, 4096 + 10),
