@@ -2,6 +2,8 @@
 // passed through every device method, sessions that join inputs and outputs by connections, frames
 // and photos from a registered camera, and framework internals that reach app-visible methods by
 // message send from inside the AVFoundation image.
+#include "FakesdkTestSupport.h"
+
 #include <CoreGraphics/CoreGraphics.h>
 #include <CoreMedia/CoreMedia.h>
 #include <dispatch/dispatch.h>
@@ -20,13 +22,6 @@
 #include <vector>
 
 extern "C" {
-id objc_retain(id);
-void objc_release(id);
-id objc_initWeak(id *, id);
-void objc_destroyWeak(id *);
-id objc_loadWeakRetained(id *);
-void *objc_autoreleasePoolPush(void);
-void objc_autoreleasePoolPop(void *);
 extern id const AVMediaTypeVideo;
 extern id const AVMediaTypeAudio;
 extern id const AVMetadataObjectTypeQRCode;
@@ -44,36 +39,9 @@ extern id const AVCaptureSessionPreset640x480;
 
 namespace {
 
-template <typename R = id, typename... A>
-R send(id receiver, const char *name, A... args)
-{
-    if (!receiver) // a message to nil answers zero
-        return R();
-    SEL s = sel_registerName(name);
-    return reinterpret_cast<R (*)(id, SEL, A...)>(class_getMethodImplementation(object_getClass(receiver), s))(
-        receiver, s, args...);
-}
+using namespace fakesdk_test;
 
-id cls(const char *name) { return reinterpret_cast<id>(objc_getClass(name)); }
-id str(const char *text) { return send(cls("NSString"), "stringWithUTF8String:", text); }
-std::string text(id s) { return s ? send<const char *>(s, "UTF8String") : "<nil>"; }
-unsigned long count(id array) { return send<unsigned long>(array, "count"); }
-id at(id array, unsigned long i) { return send(array, "objectAtIndex:", i); }
-id make(const char *className) { return send(send(cls(className), "alloc"), "init"); }
 id bare(const char *className) { return class_createInstance(objc_getClass(className), 0); }
-
-template <typename F>
-std::pair<std::string, std::string> raised(F f)
-{
-    try {
-        f();
-    } catch (id e) {
-        return {text(send(e, "name")), text(send(e, "reason"))};
-    }
-    return {};
-}
-
-bool waitFor(double seconds, bool (^condition)(void)) { return CFRunLoopRunUntil_np(seconds, condition); }
 
 // A runtime class whose instances log the selectors they receive (from any thread).
 struct CallLog {

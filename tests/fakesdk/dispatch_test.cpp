@@ -2,6 +2,8 @@
 // exclusive, global queues parallel, main-queue work runs only on the main thread while its run
 // loop runs, dispatch_after never fires early, dispatch objects are runtime objects that pending
 // work keeps alive, blocks are copied and released, NSTimer retains its target until invalidated.
+#include "FakesdkTestSupport.h"
+
 #include <Block.h>
 #include <CoreFoundation/CoreFoundation.h>
 #include <dispatch/dispatch.h>
@@ -27,13 +29,6 @@
 #include <vector>
 
 extern "C" {
-id objc_retain(id);
-void objc_release(id);
-void *objc_autoreleasePoolPush(void);
-void objc_autoreleasePoolPop(void *);
-id objc_loadWeakRetained(id *);
-id objc_initWeak(id *, id);
-void objc_destroyWeak(id *);
 extern id const NSDefaultRunLoopMode;
 extern id const NSRunLoopCommonModes;
 }
@@ -42,32 +37,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-template <typename R = id, typename... A>
-R send(id receiver, const char *name, A... args)
-{
-    SEL s = sel_registerName(name);
-    return reinterpret_cast<R (*)(id, SEL, A...)>(class_getMethodImplementation(object_getClass(receiver), s))(
-        receiver, s, args...);
-}
-
-id cls(const char *name)
-{
-    return reinterpret_cast<id>(objc_getClass(name));
-}
+using namespace fakesdk_test;
 
 id asId(dispatch_object_t object)
 {
     return reinterpret_cast<id>(object);
-}
-
-std::string text(id s)
-{
-    return s ? send<const char *>(s, "UTF8String") : "<nil>";
-}
-
-bool onMainThread()
-{
-    return getpid() == static_cast<pid_t>(syscall(SYS_gettid));
 }
 
 dispatch_time_t after(double seconds)

@@ -3,6 +3,8 @@
 // ranges at their boundaries, the %@ formatter, NSLog's line, weak hash tables, Apple's exception
 // names and reasons, and the CF functions over the same (toll-free bridged) objects.
 #include <CoreFoundation/CoreFoundation.h>
+#include "FakesdkTestSupport.h"
+
 #include <fakesdk/foundation_np.h>
 #include <fakesdk/objc_np.h>
 #include <objc/runtime.h>
@@ -20,13 +22,6 @@
 #include <utility>
 
 extern "C" {
-id objc_retain(id);
-void objc_release(id);
-void *objc_autoreleasePoolPush(void);
-void objc_autoreleasePoolPop(void *);
-id objc_loadWeakRetained(id *);
-id objc_initWeak(id *, id);
-void objc_destroyWeak(id *);
 void NSLog(id format, ...);
 id NSTemporaryDirectory(void);
 extern id const NSRangeException;
@@ -45,13 +40,7 @@ namespace {
 using Range = NSRange;
 constexpr unsigned long kNotFound = LONG_MAX;
 
-template <typename R = id, typename... A>
-R send(id receiver, const char *name, A... args)
-{
-    SEL s = sel_registerName(name);
-    return reinterpret_cast<R (*)(id, SEL, A...)>(class_getMethodImplementation(object_getClass(receiver), s))(
-        receiver, s, args...);
-}
+using namespace fakesdk_test;
 
 // Format methods are C-variadic IMPs and must be called through a variadic function type.
 template <typename... A>
@@ -62,28 +51,12 @@ id sendFormat(id receiver, const char *name, id format, A... args)
     return imp(receiver, s, format, args...);
 }
 
-id cls(const char *name) { return reinterpret_cast<id>(objc_getClass(name)); }
-id str(const char *text) { return send(cls("NSString"), "stringWithUTF8String:", text); }
-std::string text(id s) { return s ? send<const char *>(s, "UTF8String") : "<nil>"; }
-id num(long v) { return send(cls("NSNumber"), "numberWithLong:", v); }
 id newObject() { return send(cls("NSObject"), "new"); }
 
 template <typename... A>
 std::string format(const char *f, A... args)
 {
     return text(sendFormat(cls("NSString"), "stringWithFormat:", str(f), args...));
-}
-
-// The name and reason of the NSException that f raises ("" if none).
-template <typename F>
-std::pair<std::string, std::string> raised(F f)
-{
-    try {
-        f();
-    } catch (id e) {
-        return {text(send(e, "name")), text(send(e, "reason"))};
-    }
-    return {};
 }
 
 class FoundationTest : public ::testing::Test {

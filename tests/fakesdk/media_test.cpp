@@ -2,6 +2,8 @@
 // decoding, CGContextDrawImage's scaling, clipping and orientation over pixel-buffer memory,
 // pixel buffer attributes and locking, sample buffer timing, validation and ownership, QR
 // detection with several codes, and the layer contents recorder.
+#include "FakesdkTestSupport.h"
+
 #include <CoreGraphics/CoreGraphics.h>
 #include <CoreMedia/CoreMedia.h>
 #include <fakesdk/media_np.h>
@@ -21,10 +23,6 @@
 #include <vector>
 
 extern "C" {
-id objc_retain(id);
-void objc_release(id);
-void *objc_autoreleasePoolPush(void);
-void objc_autoreleasePoolPop(void *);
 id UIImageJPEGRepresentation(id image, CGFloat compressionQuality);
 id UIImagePNGRepresentation(id image);
 extern id const CIDetectorTypeQRCode, CIDetectorTypeFace, CIDetectorAccuracy, CIDetectorAccuracyHigh;
@@ -33,19 +31,7 @@ extern id const CIFeatureTypeQRCode, kCAGravityResize, kCAGravityResizeAspectFil
 
 namespace {
 
-template <typename R = id, typename... A> R send(id receiver, const char *name, A... args)
-{
-    if (!receiver)
-        return R();
-    SEL s = sel_registerName(name);
-    return reinterpret_cast<R (*)(id, SEL, A...)>(class_getMethodImplementation(object_getClass(receiver), s))(
-        receiver, s, args...);
-}
-
-id cls(const char *name)
-{
-    return reinterpret_cast<id>(objc_getClass(name));
-}
+using namespace fakesdk_test;
 
 id asId(const void *ref)
 {

@@ -2,6 +2,8 @@
 // class_addMethod's refusal, bare instances, associations and their lifetimes, zeroing weak
 // references, recursive object locks across threads, autorelease pools, unrecognised selectors and
 // forwarding in both of x86-64's conventions (results in registers and through memory).
+#include "FakesdkTestSupport.h"
+
 #include <fakesdk/objc_np.h>
 #include <objc/message.h>
 #include <objc/objc-sync.h>
@@ -15,24 +17,9 @@
 #include <thread>
 #include <vector>
 
-extern "C" {
-id objc_retain(id);
-void objc_release(id);
-id objc_autorelease(id);
-void *objc_autoreleasePoolPush(void);
-void objc_autoreleasePoolPop(void *);
-id objc_loadWeakRetained(id *);
-}
-
 namespace {
 
-template <typename R = id, typename... A>
-R send(id receiver, const char *name, A... args)
-{
-    SEL s = sel_registerName(name);
-    return reinterpret_cast<R (*)(id, SEL, A...)>(class_getMethodImplementation(object_getClass(receiver), s))(
-        receiver, s, args...);
-}
+using namespace fakesdk_test;
 
 id alloc(Class cls)
 {

@@ -1,6 +1,8 @@
 // fakesdk's UIKit: the camera-less image picker, view controller presentation and dismissal on
 // the main run loop, controls whose targets are not retained, and the view, colour and font
 // values that screens are built from.
+#include "FakesdkTestSupport.h"
+
 #include <dispatch/dispatch.h>
 #include <fakesdk/dispatch_np.h>
 #include <fakesdk/objc_np.h>
@@ -13,13 +15,6 @@
 #include <vector>
 
 extern "C" {
-id objc_retain(id);
-void objc_release(id);
-void *objc_autoreleasePoolPush(void);
-void objc_autoreleasePoolPop(void *);
-id objc_initWeak(id *, id);
-void objc_destroyWeak(id *);
-id objc_loadWeakRetained(id *);
 extern const double UIFontWeightMedium;
 extern const double UIFontWeightSemibold;
 extern const double UIFontWeightBold;
@@ -41,32 +36,7 @@ struct CGRect {
 
 namespace {
 
-template <typename R = id, typename... A>
-R send(id receiver, const char *name, A... args)
-{
-    if (!receiver) // a message to nil answers zero
-        return R();
-    SEL s = sel_registerName(name);
-    return reinterpret_cast<R (*)(id, SEL, A...)>(class_getMethodImplementation(object_getClass(receiver), s))(
-        receiver, s, args...);
-}
-
-id cls(const char *name) { return reinterpret_cast<id>(objc_getClass(name)); }
-id str(const char *text) { return send(cls("NSString"), "stringWithUTF8String:", text); }
-std::string text(id s) { return s ? send<const char *>(s, "UTF8String") : "<nil>"; }
-unsigned long count(id array) { return send<unsigned long>(array, "count"); }
-id make(const char *className) { return send(send(cls(className), "alloc"), "init"); }
-
-template <typename F>
-std::pair<std::string, std::string> raised(F f)
-{
-    try {
-        f();
-    } catch (id e) {
-        return {text(send(e, "name")), text(send(e, "reason"))};
-    }
-    return {};
-}
+using namespace fakesdk_test;
 
 constexpr unsigned long kTouchUpInside = 64, kValueChanged = 4096;
 
