@@ -28,6 +28,12 @@ namespace fakeobjc {
 // class objects, shared singletons such as kCFBooleanTrue).
 void makeImmortal(id obj);
 
+// Main Thread Checker: every method the class itself has now, instance and class methods but
+// dealloc, may from here on run only on the main thread (the process's initial thread). A send
+// of one from another thread prints what Xcode's checker prints (the method, the thread, the
+// queue, a backtrace) and aborts. The check follows the implementations through exchanges.
+void requireMainThread(Class cls);
+
 // Raises an NSException with the given name and reason (a C++ throw of the NSException id).
 [[noreturn]] void raise(const char *name, const char *reason);
 [[noreturn]] void raiseFormat(const char *name, const char *format, ...) __attribute__((format(printf, 2, 3)));

@@ -5,6 +5,12 @@
 
 #include <fakesdk/objc_np.h>
 
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cassert>
 #include <climits>
@@ -125,6 +131,55 @@ objc_method *findMethodLocked(Class cls, SEL sel)
             return it->second;
     }
     return nullptr;
+}
+
+// Main Thread Checker. The implementations of UI classes' methods that may run on the main thread
+// only, with the method each was declared as ("-[UIView setHidden:]"). Keyed by implementation,
+// not by method record, so a check follows an implementation through method exchanges, as the
+// platform's checker (which patches the implementations themselves) does. Under classLock().
+std::unordered_map<IMP, std::string> &mainThreadOnly()
+{
+    static auto *table = new std::unordered_map<IMP, std::string>();
+    return *table;
+}
+
+std::atomic<bool> gCheckingMainThread{false};
+
+bool onMainThread()
+{
+    thread_local const bool isMain = getpid() == static_cast<pid_t>(syscall(SYS_gettid));
+    return isMain;
+}
+
+// What Xcode's checker prints when it is told to stop on an issue, then the stop: abort, so that
+// whatever made the call (a test, a sample app) fails.
+[[noreturn]] void reportOffMainThread(const std::string &method)
+{
+    char thread[64] = "(none)";
+    pthread_getname_np(pthread_self(), thread, sizeof thread);
+    // libdispatch sits above the runtime; look its label function up only when reporting.
+    using LabelFunction = const char *(*)(void *);
+    auto label = reinterpret_cast<LabelFunction>(dlsym(RTLD_DEFAULT, "dispatch_queue_get_label"));
+    const char *queue = label ? label(nullptr) : nullptr;
+    std::fprintf(stderr,
+                 "Main Thread Checker: UI API called on a background thread: %s\n"
+                 "PID: %d, TID: %ld, Thread name: %s, Queue name: %s\nBacktrace:\n",
+                 method.c_str(), getpid(), static_cast<long>(syscall(SYS_gettid)), thread,
+                 queue && *queue ? queue : "(none)");
+    void *frames[64];
+    backtrace_symbols_fd(frames, backtrace(frames, 64), 2);
+    std::abort();
+}
+
+// The lookup for a send: the implementation, checked against the thread (under classLock()).
+IMP checkedLocked(IMP imp)
+{
+    if (gCheckingMainThread.load(std::memory_order_relaxed) && !onMainThread()) {
+        auto it = mainThreadOnly().find(imp);
+        if (it != mainThreadOnly().end())
+            reportOffMainThread(it->second);
+    }
+    return imp;
 }
 
 struct Association {
@@ -248,6 +303,18 @@ void makeImmortal(id obj)
 {
     if (obj)
         headerOf(obj)->flags.fetch_or(kImmortal);
+}
+
+void requireMainThread(Class cls)
+{
+    static SEL dealloc = sel_registerName("dealloc");
+    std::unique_lock<std::shared_mutex> guard(classLock());
+    for (Class side : {cls, cls->isa})
+        for (const auto &[sel, method] : side->methods)
+            if (sel != dealloc)
+                mainThreadOnly().emplace(method->imp.load(), std::string(side->meta ? "+[" : "-[") + cls->name + " " +
+                                                                 sel_getName(sel) + "]");
+    gCheckingMainThread.store(true, std::memory_order_relaxed);
 }
 
 void raise(const char *name, const char *reason)
@@ -483,7 +550,7 @@ IMP class_getMethodImplementation(Class cls, SEL name)
         return nullptr;
     std::shared_lock<std::shared_mutex> guard(classLock());
     objc_method *method = findMethodLocked(cls, name);
-    return method ? method->imp.load(std::memory_order_acquire) : _objc_msgForward;
+    return method ? checkedLocked(method->imp.load(std::memory_order_acquire)) : _objc_msgForward;
 }
 
 IMP class_getMethodImplementation_stret(Class cls, SEL name)
@@ -492,7 +559,7 @@ IMP class_getMethodImplementation_stret(Class cls, SEL name)
         return nullptr;
     std::shared_lock<std::shared_mutex> guard(classLock());
     objc_method *method = findMethodLocked(cls, name);
-    return method ? method->imp.load(std::memory_order_acquire) : _objc_msgForward_stret;
+    return method ? checkedLocked(method->imp.load(std::memory_order_acquire)) : _objc_msgForward_stret;
 }
 
 BOOL class_respondsToSelector(Class cls, SEL sel)

@@ -468,4 +468,37 @@ TEST_F(UIKitTest, ExchangedMethodsAreDefinedOnTheirOwnClass)
     EXPECT_FALSE(own(objc_getClass("UINavigationController"), "dismissViewControllerAnimated:completion:"));
 }
 
+// Runs the block on a user-initiated global queue and waits for it, as a lost main-queue hop
+// would run UIKit work.
+void offMainThread(void (^work)(void))
+{
+    dispatch_semaphore_t done = dispatch_semaphore_create(0);
+    dispatch_async(dispatch_get_global_queue(QOS_CLASS_USER_INITIATED, 0), ^{
+        work();
+        dispatch_semaphore_signal(done);
+    });
+    dispatch_semaphore_wait(done, DISPATCH_TIME_FOREVER);
+}
+
+// Xcode's Main Thread Checker told to stop on issues: a UI class's method sent from another
+// thread names the method where it is declared and the thread, and ends the process; the classes
+// Apple documents as thread-safe, and the last release of a view, pass.
+TEST(UIKitDeathTest, UIMethodsOffTheMainThreadStopTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    __block id label = make("UILabel");
+    offMainThread(^{
+        send(cls("UIColor"), "colorWithWhite:alpha:", 1.0, 0.5);
+        send(cls("UIFont"), "systemFontOfSize:weight:", 14.0, 0.0);
+        send(cls("UIImage"), "imageWithData:", send(cls("NSData"), "data"));
+        objc_release(label);
+    });
+    label = make("UILabel");
+    const char *thread = "\nPID: [0-9]+, TID: [0-9]+, Thread name: .*, Queue name: com.apple.root.user-initiated-qos\n";
+    EXPECT_DEATH(offMainThread(^{ send<void>(label, "setHidden:", true); }),
+                 std::string("Main Thread Checker: UI API called on a background thread: -\\[UIView setHidden:\\]") + thread);
+    EXPECT_DEATH(offMainThread(^{ send(cls("UIScreen"), "mainScreen"); }), "\\+\\[UIScreen mainScreen\\]");
+    offMainThread(^{ objc_release(label); });
+}
+
 } // namespace
