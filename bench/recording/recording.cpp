@@ -217,6 +217,7 @@ double encodeDirectly(const std::vector<Strong<>> &frames, const std::string &pa
     av_opt_set(encoder->priv_data, "preset", preset, 0);
     av_opt_set(encoder->priv_data, "tune", "zerolatency", 0); // as the writer encodes a live feed
     av_opt_set(encoder->priv_data, "x264-params", "force-cfr=0", 0); // bits shared out by timestamps, too
+    encoder->framerate = {30, 1};                                     // and the writer's first-frame hint
     avcodec_open2(encoder, codec, nullptr);
     avcodec_parameters_from_context(stream->codecpar, encoder);
     stream->time_base = encoder->time_base;

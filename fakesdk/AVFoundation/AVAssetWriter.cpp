@@ -46,6 +46,7 @@ constexpr long kErrorUnknown = -11800, kErrorFileAlreadyExists = -11823;
 constexpr size_t kQueueLimit = 2;
 // The movie's time base: 1/90000 s, the usual one for video.
 constexpr AVRational kTimeBase{1, 90000};
+constexpr AVRational kFrameRateHint{30, 1};
 
 id avError(long code, const char *description, const char *reason)
 {
@@ -443,6 +444,10 @@ bool openEncoder(WriterState &s, const InputState &input, std::string &reason)
     // to its constant-rate default, libx264 takes the 1/90000 s time base for the frame rate and
     // gives each real frame a few bits: a movie of flat grey.
     av_opt_set(s.encoder->priv_data, "x264-params", "force-cfr=0", 0);
+    // The first frame has no timestamp before it to be timed by: libx264 gives it one frame's time
+    // at this rate, or at the time base's 90000 frames a second without it, which leaves the
+    // opening keyframe a few bytes of flat grey. A camera's usual rate.
+    s.encoder->framerate = kFrameRateHint;
     if ((rc = avcodec_open2(s.encoder, codec, nullptr)) < 0 ||
         (rc = avcodec_parameters_from_context(s.stream->codecpar, s.encoder)) < 0) {
         reason = ffmpegError(rc);

@@ -1,27 +1,28 @@
-// fakesdk's AVAssetWriter: a real H.264 movie timed by the appended buffers, Apple's statuses,
-// errors and exceptions, a finish handler that runs once off the caller's thread, and an input
-// that stops being ready while its encoder is behind.
+// fakesdk's AVAssetWriter: a real H.264 movie of the requested file type, timed by the appended
+// buffers, showing them from the first and spending the bit rate asked; Apple's statuses, errors
+// and exceptions, a finish handler that runs once off the caller's thread, and an input that
+// stops being ready while its encoder is behind.
+#include "Movie.h"
 #include "objc/Frameworks.h"
 
 #include <fakesdk/dispatch_np.h>
-
-extern "C" {
-#include <libavformat/avformat.h>
-}
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <filesystem>
+#include <functional>
 #include <string>
 
-extern "C" id const AVFileTypeMPEG4;
+extern "C" id const AVFileTypeQuickTimeMovie;
 extern "C" id const AVVideoCompressionPropertiesKey;
 extern "C" id const AVVideoAverageBitRateKey;
 
 using namespace zerlan::objc;
+using zerlan::testing::readMovie;
 namespace fs = std::filesystem;
 
 namespace {
@@ -39,13 +40,20 @@ id settings(long width, long height)
     return send<id>(cls("NSDictionary"), sel<"dictionaryWithObjects:forKeys:count:">(), values, keys, 4UL);
 }
 
-// A 32BGRA buffer filled with one grey level, at `seconds` on a 1/600 s clock, lasting 0.1 s.
-CMSampleBufferRef buffer(double seconds, uint8_t grey, size_t width = 640, size_t height = 480)
+// The grey level (0 to 255) of a picture's pixel.
+using Picture = std::function<uint8_t(size_t x, size_t y)>;
+
+// A 32BGRA 640 x 480 buffer of the picture, at `seconds` on a 1/600 s clock, lasting 0.1 s.
+CMSampleBufferRef buffer(double seconds, const Picture &picture)
 {
+    constexpr size_t width = 640, height = 480;
     CVPixelBufferRef pixels = nullptr;
     CVPixelBufferCreate(kCFAllocatorDefault, width, height, kCVPixelFormatType_32BGRA, nullptr, &pixels);
     CVPixelBufferLockBaseAddress(pixels, 0);
-    memset(CVPixelBufferGetBaseAddress(pixels), grey, CVPixelBufferGetBytesPerRow(pixels) * height);
+    auto *base = static_cast<uint8_t *>(CVPixelBufferGetBaseAddress(pixels));
+    for (size_t y = 0; y < height; ++y)
+        for (size_t x = 0; x < width; ++x)
+            memset(base + y * CVPixelBufferGetBytesPerRow(pixels) + x * 4, picture(x, y), 4);
     CVPixelBufferUnlockBaseAddress(pixels, 0);
     CMVideoFormatDescriptionRef format = nullptr;
     CMVideoFormatDescriptionCreateForImageBuffer(kCFAllocatorDefault, pixels, &format);
@@ -57,29 +65,23 @@ CMSampleBufferRef buffer(double seconds, uint8_t grey, size_t width = 640, size_
     return sample;
 }
 
-struct Probe {
-    int streams = 0;
-    AVCodecID codec = AV_CODEC_ID_NONE;
-    int width = 0, height = 0;
-    double seconds = 0;
-};
-
-Probe probe(const std::string &path)
+CMSampleBufferRef buffer(double seconds, uint8_t grey)
 {
-    Probe p;
-    AVFormatContext *format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) != 0)
-        return p;
-    avformat_find_stream_info(format, nullptr);
-    p.streams = int(format->nb_streams);
-    if (p.streams > 0) {
-        p.codec = format->streams[0]->codecpar->codec_id;
-        p.width = format->streams[0]->codecpar->width;
-        p.height = format->streams[0]->codecpar->height;
-    }
-    p.seconds = double(format->duration) / AV_TIME_BASE;
-    avformat_close_input(&format);
-    return p;
+    return buffer(seconds, [grey](size_t, size_t) { return grey; });
+}
+
+// A camera's view of a moving scene: a gradient with a texture, both drifting frame by frame.
+uint8_t scene(int frame, size_t x, size_t y)
+{
+    double drift = 6.0 * frame;
+    return uint8_t(128 + 60 * std::sin((double(x) + drift) / 23) * std::cos((double(y) - drift) / 17) +
+                   (((x + size_t(drift)) / 8 + y / 8) % 2 ? 30 : -30));
+}
+
+// The luma (BT.601, video range) that an encoder makes of a grey level.
+double lumaOf(uint8_t grey)
+{
+    return 16 + grey * 219.0 / 255;
 }
 
 class AssetWriterTest : public ::testing::Test {
@@ -94,10 +96,10 @@ protected:
     id url(const std::string &name) { return send<id>(cls("NSURL"), sel<"fileURLWithPath:">(), string((dir_ / name).c_str())); }
 
     // A writer with one started H.264 input; the session starts at 0.
-    Strong<> started(const std::string &name, id *input, long width = 640, long height = 480)
+    Strong<> started(const std::string &name, id *input, long width = 640, long height = 480, id fileType = AVFileTypeMPEG4)
     {
         id error = nil;
-        Strong<> writer = allocInit<"initWithURL:fileType:error:">("AVAssetWriter", url(name), AVFileTypeMPEG4, &error);
+        Strong<> writer = allocInit<"initWithURL:fileType:error:">("AVAssetWriter", url(name), fileType, &error);
         *input = send<id>(cls("AVAssetWriterInput"), sel<"assetWriterInputWithMediaType:outputSettings:">(),
                           AVMediaTypeVideo, settings(width, height));
         EXPECT_TRUE(send<BOOL>(writer.get(), sel<"canAddInput:">(), *input));
@@ -150,12 +152,50 @@ TEST_F(AssetWriterTest, TheMovieIsH264AtTheSettingsSizeAndTimedByItsBuffers)
     EXPECT_EQ(kCompleted, send<long>(writer.get(), sel<"status">()));
     EXPECT_EQ(nil, send<id>(writer.get(), sel<"error">()));
 
-    Probe movie = probe((dir_ / "movie.mp4").string());
+    zerlan::testing::Movie movie = readMovie((dir_ / "movie.mp4").string());
     EXPECT_EQ(1, movie.streams) << "video only";
     EXPECT_EQ(AV_CODEC_ID_H264, movie.codec);
     EXPECT_EQ(320, movie.width) << "640 x 480 buffers scaled to the track";
     EXPECT_EQ(240, movie.height);
     EXPECT_NEAR(3.0, movie.seconds, 0.15);
+}
+
+// A camera's three seconds at 10 frames a second, in either container: the first picture is
+// the first buffer's (not the flat grey of an encoder that spent nothing on it), and the stream
+// spends about the average bit rate that was asked.
+TEST_F(AssetWriterTest, TheMovieShowsItsFirstPictureAndSpendsTheBitRateAsked)
+{
+    struct {
+        id fileType;
+        const char *name, *majorBrand;
+    } const cases[] = {{AVFileTypeMPEG4, "camera.mp4", "isom"}, {AVFileTypeQuickTimeMovie, "camera.mov", "qt  "}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        id input = nil;
+        Strong<> writer = started(c.name, &input, 640, 480, c.fileType);
+        for (int i = 0; i < 30; ++i) {
+            CMSampleBufferRef sample = buffer(0.1 * i, [i](size_t x, size_t y) { return scene(i, x, y); });
+            CFRunLoopRunUntil_np(5, ^bool { return send<BOOL>(input, sel<"isReadyForMoreMediaData">()); });
+            EXPECT_TRUE(send<BOOL>(input, sel<"appendSampleBuffer:">(), sample)) << i;
+            CFRelease(sample);
+        }
+        send<void>(input, sel<"markAsFinished">());
+        ASSERT_EQ(1, finish(writer.get()).calls);
+        ASSERT_EQ(kCompleted, send<long>(writer.get(), sel<"status">()));
+
+        std::string path = (dir_ / c.name).string();
+        zerlan::testing::Movie movie = readMovie(path);
+        EXPECT_EQ(c.majorBrand, movie.majorBrand);
+        EXPECT_EQ(30u, movie.times.size());
+        EXPECT_NEAR(2000000, movie.bitRate, 400000);
+        zerlan::testing::Pictures pictures = zerlan::testing::decodePictures(path);
+        ASSERT_FALSE(pictures.luma.empty());
+        double distance = 0;
+        for (size_t y = 0; y < 480; ++y)
+            for (size_t x = 0; x < 640; ++x)
+                distance += std::abs(pictures.luma.front()[y * 640 + x] - lumaOf(scene(0, x, y)));
+        EXPECT_LT(distance / (640 * 480), 4.0) << "mean luma difference of the first picture";
+    }
 }
 
 TEST_F(AssetWriterTest, MisuseRaisesAndFailuresAreStatusesWithErrors)
