@@ -67,8 +67,10 @@ void finished(id self, id writer, id url, bool deliver)
     }
     s.finishing = false;
     send<void>(s.captureButton.get(), sel<"setEnabled:">(), YES);
-    showWriterError(self, writer, "Video recording failed.");
+    // The look first, the words last: the appearance would put the ready text over the error at
+    // once, and the error is to stay until the next frame.
     send<void>(self, sel<"updateCaptureAppearance">());
+    showWriterError(self, writer, "Video recording failed.");
 }
 
 } // namespace

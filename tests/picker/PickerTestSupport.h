@@ -1,12 +1,16 @@
 // What the image picker tests share: an app that presents pickers from the root view controller
 // of its key window, a picker delegate that records what it is told (and, like most apps,
-// dismisses the picker), and readers for what the camera screen shows.
+// dismisses the picker), readers for what the camera screen shows, and a frame port that takes
+// fetches and holds them unanswered.
 #pragma once
 
 #include "CaptureTestSupport.h"
+#include "ScriptedServer.h"
 
 #include <fakesdk/uikit_np.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -113,6 +117,67 @@ inline bool tap(id control)
     return UIControlTap_np(control);
 }
 
+// The Cancel button: the first view of the top bar, the root view's second.
+inline id cancelButton(id screen)
+{
+    id topBar = objectAtIndex(send<id>(send<id>(screen, sel<"view">()), sel<"subviews">()), 1);
+    return objectAtIndex(send<id>(topBar, sel<"subviews">()), 0);
+}
+
+// Stops the screen's polling (its timer, and the fetch under way), so that nothing but the test
+// moves it on; a frame comes again only when the test sends requestFrame.
+inline bool stopPolling(id screen)
+{
+    send<void>(send<id>(screen, sel<"frameTimer">()), sel<"invalidate">());
+    return runMainUntil(5, [&] { return !send<BOOL>(screen, sel<"fetchInFlight">()); });
+}
+
+// 127.0.0.1:47654 taking every fetch and answering none until release(): a fetch stays in flight
+// for as long as the test wants (the library gives up on its own after 2 s).
+class HeldFetches {
+public:
+    HeldFetches()
+        : server_(
+              [this](int fd) {
+                  std::lock_guard guard(lock_);
+                  held_.push_back(fd);
+                  times_.push_back(std::chrono::steady_clock::now());
+                  return false; // kept open
+              },
+              47654)
+    {
+    }
+    ~HeldFetches() { release(); }
+
+    size_t count()
+    {
+        std::lock_guard guard(lock_);
+        return times_.size();
+    }
+    // Fetches that arrived within `seconds` of the first one.
+    size_t countWithin(double seconds)
+    {
+        std::lock_guard guard(lock_);
+        return size_t(std::count_if(times_.begin(), times_.end(), [&](auto t) {
+            return t - times_.front() <= std::chrono::duration<double>(seconds);
+        }));
+    }
+    // Closes what is held: the fetches end without a frame.
+    void release()
+    {
+        std::lock_guard guard(lock_);
+        for (int fd : held_)
+            ::close(fd);
+        held_.clear();
+    }
+
+private:
+    std::mutex lock_;
+    std::vector<int> held_;
+    std::vector<std::chrono::steady_clock::time_point> times_;
+    zerlan::testing::ScriptedServer server_;
+};
+
 // A key window whose root view controller presents the pickers, and the pickers it made.
 class PickerApp {
 public:
@@ -124,13 +189,8 @@ public:
     ~PickerApp()
     {
         // Whatever is still on screen goes, so its polling stops before the next test.
-        if (send<id>(root_.get(), sel<"presentedViewController">())) {
-            __block bool gone = false;
-            send<void>(root_.get(), sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
-                gone = true;
-            });
-            waitFor(^bool { return gone; });
-        }
+        if (send<id>(root_.get(), sel<"presentedViewController">()))
+            dismiss(root_.get());
         drainMainQueue();
         UIApplicationResetWindows_np();
     }
@@ -145,6 +205,17 @@ public:
         send<void>(picker.get(), sel<"setMediaTypes:">(), nsArray(mediaTypes));
         send<void>(picker.get(), sel<"setDelegate:">(), delegate);
         return picker;
+    }
+
+    // Sends dismissViewControllerAnimated:completion: to the controller (a picker, or the root)
+    // and runs the main loop until its completion ran.
+    static bool dismiss(id controller)
+    {
+        __block bool gone = false;
+        send<void>(controller, sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
+            gone = true;
+        });
+        return waitFor(^bool { return gone; });
     }
 
     // Presents from the root and runs the main loop until the completion ran; returns what the

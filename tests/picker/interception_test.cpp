@@ -181,11 +181,7 @@ TEST_F(PickerPresentation, OrdinaryPickersAndOtherControllersAreUntouched)
         SCOPED_TRACE(class_getName(object_getClass(controller)));
         EXPECT_EQ(controller, app_.present(controller));
         EXPECT_FALSE(objc_hasAssociation_np(controller, &kVirtualImagePickerProxyKey));
-        __block bool done = false;
-        send<void>(controller, sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
-            done = true;
-        });
-        EXPECT_TRUE(waitFor(^bool { return done; })) << "dismissed as UIKit dismisses";
+        EXPECT_TRUE(PickerApp::dismiss(controller)) << "dismissed as UIKit dismisses";
         EXPECT_EQ(nil, send<id>(app_.root(), sel<"presentedViewController">()));
     }
 }
@@ -194,11 +190,7 @@ TEST_F(PickerPresentation, DismissingFromThePresenterLeavesTheScreenAttachedUnti
 {
     Strong<> picker = app_.cameraPicker(delegate_.object.get());
     Strong<> first = Strong<>::retain(app_.present(picker.get()));
-    __block bool done = false;
-    send<void>(app_.root(), sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
-        done = true;
-    });
-    ASSERT_TRUE(waitFor(^bool { return done; }));
+    ASSERT_TRUE(PickerApp::dismiss(app_.root()));
     EXPECT_EQ(nil, send<id>(app_.root(), sel<"presentedViewController">()));
     EXPECT_EQ(picker.get(), send<id>(first.get(), sel<"picker">()));
     EXPECT_EQ(first.get(), attachedScreen(picker.get()));
@@ -206,6 +198,46 @@ TEST_F(PickerPresentation, DismissingFromThePresenterLeavesTheScreenAttachedUnti
     id second = app_.present(picker.get());
     EXPECT_NE(first.get(), second);
     EXPECT_EQ(second, attachedScreen(picker.get())) << "the new screen replaces the old attachment";
+}
+
+// An app's own picker class, whose dismissal does its own thing and then calls super.
+int gSubclassDismissals;
+
+void subclassDismiss(id self, SEL cmd, BOOL animated, void (^completion)(void))
+{
+    ++gSubclassDismissals;
+    sendSuper<void>(objc_getClass("AppImagePicker"), self, cmd, animated, completion);
+}
+
+Class appPickerClass()
+{
+    static Class made = [] {
+        Class c = objc_allocateClassPair(objc_getClass("UIImagePickerController"), "AppImagePicker", 0);
+        class_addMethod(c, sel_registerName("dismissViewControllerAnimated:completion:"), imp(subclassDismiss), "v@:B@?");
+        objc_registerClassPair(c);
+        return c;
+    }();
+    return made;
+}
+
+TEST_F(PickerPresentation, ASubclassOfThePickerIsACameraPickerTooAndItsSuperDismissalReachesUIKit)
+{
+    gSubclassDismissals = 0;
+    Strong<> camera = Strong<>::adopt(send<id>(reinterpret_cast<id>(appPickerClass()), sel<"new">()));
+    send<void>(camera.get(), sel<"setSourceType:">(), 1L);
+    id screen = app_.present(camera.get());
+    EXPECT_EQ(screenClass(), object_getClass(screen)) << "a kind of UIImagePickerController counts";
+    EXPECT_EQ(camera.get(), send<id>(screen, sel<"picker">()));
+    ASSERT_TRUE(PickerApp::dismiss(camera.get()));
+    EXPECT_EQ(nil, attachedScreen(camera.get()));
+
+    // With no screen attached, super's dismissal goes on to UIViewController's. A super call
+    // resolved from the receiver's class would come back to the library's own, for ever.
+    Strong<> ordinary = Strong<>::adopt(send<id>(reinterpret_cast<id>(appPickerClass()), sel<"new">()));
+    EXPECT_EQ(ordinary.get(), app_.present(ordinary.get()));
+    EXPECT_TRUE(PickerApp::dismiss(ordinary.get()));
+    EXPECT_EQ(nil, send<id>(app_.root(), sel<"presentedViewController">()));
+    EXPECT_EQ(2, gSubclassDismissals);
 }
 
 } // namespace

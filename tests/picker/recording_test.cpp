@@ -1,94 +1,21 @@
-// Recording on the camera screen against a real frame server: what the screen says and allows
-// while recording and finishing, the movie the delegate gets (read back with libavformat), the
-// maximum duration, and which files are kept or removed.
+// Recording on the camera screen against a real frame server: what is asked of the writer, what
+// the screen says and allows while recording, finishing and failing, the movie the delegate gets
+// (read back as ffprobe reads it), the maximum duration, and which files are kept or removed.
+#include "Movie.h"
 #include "PickerTestSupport.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-}
+#include "picker/PickerScreen.h"
 
 #include <cmath>
-#include <cstring>
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 using namespace picker_test;
+using zerlan::testing::Movie;
 namespace fs = std::filesystem;
 
 namespace {
-
-struct Movie {
-    bool opened = false;
-    int streams = 0, videoStreams = 0, audioStreams = 0;
-    AVCodecID codec = AV_CODEC_ID_NONE;
-    int width = 0, height = 0;
-    double seconds = 0;
-};
-
-Movie probe(const std::string &path)
-{
-    Movie movie;
-    AVFormatContext *format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) != 0)
-        return movie;
-    movie.opened = avformat_find_stream_info(format, nullptr) >= 0;
-    movie.streams = int(format->nb_streams);
-    for (unsigned i = 0; i < format->nb_streams; ++i) {
-        AVCodecParameters *p = format->streams[i]->codecpar;
-        if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
-            ++movie.videoStreams;
-            movie.codec = p->codec_id;
-            movie.width = p->width;
-            movie.height = p->height;
-        } else if (p->codec_type == AVMEDIA_TYPE_AUDIO) {
-            ++movie.audioStreams;
-        }
-    }
-    if (format->duration != AV_NOPTS_VALUE)
-        movie.seconds = double(format->duration) / AV_TIME_BASE;
-    avformat_close_input(&format);
-    return movie;
-}
-
-// The luma plane of the movie's last picture, decoded; empty when there is none.
-std::vector<uint8_t> lastPicture(const std::string &path, int *width)
-{
-    std::vector<uint8_t> luma;
-    AVFormatContext *format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) != 0)
-        return luma;
-    avformat_find_stream_info(format, nullptr);
-    const AVCodec *codec = nullptr;
-    int stream = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
-    AVCodecContext *decoder = stream >= 0 ? avcodec_alloc_context3(codec) : nullptr;
-    if (decoder && avcodec_parameters_to_context(decoder, format->streams[stream]->codecpar) >= 0 &&
-        avcodec_open2(decoder, codec, nullptr) >= 0) {
-        AVPacket *packet = av_packet_alloc();
-        AVFrame *frame = av_frame_alloc();
-        auto drain = [&] {
-            while (avcodec_receive_frame(decoder, frame) >= 0) {
-                *width = frame->width;
-                luma.resize(size_t(frame->width) * frame->height);
-                for (int y = 0; y < frame->height; ++y)
-                    std::memcpy(&luma[size_t(y) * frame->width], frame->data[0] + y * frame->linesize[0],
-                                size_t(frame->width));
-            }
-        };
-        while (av_read_frame(format, packet) >= 0) {
-            if (packet->stream_index == stream && avcodec_send_packet(decoder, packet) >= 0)
-                drain();
-            av_packet_unref(packet);
-        }
-        avcodec_send_packet(decoder, nullptr);
-        drain();
-        av_frame_free(&frame);
-        av_packet_free(&packet);
-    }
-    avcodec_free_context(&decoder);
-    avformat_close_input(&format);
-    return luma;
-}
 
 // Mean absolute difference between a picture's luma and the canvas's (BT.601, video range).
 double lumaDistance(const std::vector<uint8_t> &luma, const Canvas &canvas)
@@ -107,6 +34,50 @@ std::string pathOf(id url)
     return text(send<id>(url, sel<"path">()));
 }
 
+id dictionary(std::initializer_list<id> keys, std::initializer_list<id> values)
+{
+    return send<id>(cls("NSDictionary"), sel<"dictionaryWithObjects:forKeys:count:">(), std::data(values),
+                    std::data(keys), static_cast<unsigned long>(keys.size()));
+}
+
+// For its lifetime, a method of the platform's writer does what the real one does where this
+// machine's never would (refuse, fail without a word).
+class ReplacedMethod {
+public:
+    ReplacedMethod(const char *className, SEL selector, IMP replacement)
+        : method_(class_getInstanceMethod(objc_getClass(className), selector)),
+          original_(method_setImplementation(method_, replacement))
+    {
+    }
+    ReplacedMethod(const ReplacedMethod &) = delete;
+    ReplacedMethod &operator=(const ReplacedMethod &) = delete;
+    ~ReplacedMethod() { method_setImplementation(method_, original_); }
+
+private:
+    Method method_;
+    IMP original_;
+};
+
+// AVAssetWriter's initialiser where the file cannot be made: nil, and Apple's error.
+id writerThatCannotBeCreated(id self, SEL, id, id, id *error)
+{
+    objc_release(self);
+    if (error)
+        *error = send<id>(cls("NSError"), sel<"errorWithDomain:code:userInfo:">(), string("AVFoundationErrorDomain"),
+                          -11823L, dictionary({string("NSLocalizedDescription")}, {string("Cannot Save")}));
+    return nil;
+}
+
+BOOL refusesEveryInput(id, SEL, id)
+{
+    return NO;
+}
+
+id noError(id, SEL)
+{
+    return nil;
+}
+
 class PickerRecording : public ::testing::Test {
 protected:
     void SetUp() override
@@ -114,14 +85,19 @@ protected:
         if (ZerlanFetchJPEG())
             GTEST_SKIP() << "something else answers on 127.0.0.1:47654";
         canvas_.qr("recording", 200, 100);
-        server_ = std::make_unique<FrameServer>(canvas_.jpeg());
-        ASSERT_TRUE(server_->waitUntilServing());
+        serve();
     }
 
     void TearDown() override
     {
         for (const std::string &file : movies_)
             fs::remove(file);
+    }
+
+    void serve()
+    {
+        server_ = std::make_unique<FrameServer>(canvas_.jpeg());
+        ASSERT_TRUE(server_->waitUntilServing());
     }
 
     // A video camera screen with a frame on it.
@@ -136,10 +112,10 @@ protected:
         return screen;
     }
 
-    // Starts a recording with a tap and returns the file it writes.
-    std::string startRecording(id screen)
+    // Starts a recording (a tap, or the screen's own method) and returns the file it writes.
+    std::string startRecording(id screen, const char *how = "captureTapped")
     {
-        send<void>(screen, sel<"captureTapped">());
+        send<void>(screen, sel_registerName(how));
         EXPECT_TRUE(send<BOOL>(screen, sel<"recording">()));
         std::string file = pathOf(send<id>(screen, sel<"recordingURL">()));
         movies_.push_back(file);
@@ -158,6 +134,11 @@ protected:
         return send<id>(delegate_->calls[call].info.get(), sel<"objectForKey:">(), UIImagePickerControllerMediaURL);
     }
 
+    static double cornerRadius(id screen)
+    {
+        return send<double>(send<id>(send<id>(screen, sel<"captureButton">()), sel<"layer">()), sel<"cornerRadius">());
+    }
+
     Canvas canvas_{640, 480, kGreen};
     std::unique_ptr<FrameServer> server_;
     Delegate delegate_;
@@ -166,7 +147,7 @@ protected:
     std::vector<std::string> movies_;
 };
 
-TEST_F(PickerRecording, TwoTapsRecordAnH264MovieOfWhatWasShown)
+TEST_F(PickerRecording, TwoTapsRecordAnMPEG4MovieOfWhatWasShownAsAsked)
 {
     delegate_->dismissOnResult = false;
     id screen = showVideoCamera(0, {"public.image", "public.movie"});
@@ -175,11 +156,25 @@ TEST_F(PickerRecording, TwoTapsRecordAnH264MovieOfWhatWasShown)
     std::string file = startRecording(screen);
     auto started = std::chrono::steady_clock::now();
     EXPECT_EQ("Recording… Tap to stop", statusOf(screen));
-    EXPECT_EQ(12, send<double>(send<id>(button, sel<"layer">()), sel<"cornerRadius">()));
+    EXPECT_EQ(12, cornerRadius(screen));
     EXPECT_FALSE(send<BOOL>(mode, sel<"isEnabled">())) << "no switching modes while recording";
     EXPECT_EQ(file.rfind(text(NSTemporaryDirectory()), 0), 0u) << file;
     EXPECT_EQ(0u, fs::path(file).filename().string().rfind("zerlan-picker-", 0)) << file;
     EXPECT_EQ(".mp4", fs::path(file).extension());
+
+    // What the writer was asked for, read back from the writer and its one input: the documented
+    // track settings, exactly, and a real-time input.
+    id writer = send<id>(screen, sel<"writer">()), input = send<id>(screen, sel<"writerInput">());
+    EXPECT_TRUE(send<BOOL>(send<id>(writer, sel<"outputFileType">()), sel<"isEqual:">(), AVFileTypeMPEG4));
+    ASSERT_EQ(1u, count(send<id>(writer, sel<"inputs">())));
+    EXPECT_EQ(input, objectAtIndex(send<id>(writer, sel<"inputs">()), 0));
+    EXPECT_TRUE(send<BOOL>(send<id>(input, sel<"mediaType">()), sel<"isEqual:">(), AVMediaTypeVideo));
+    EXPECT_TRUE(send<BOOL>(input, sel<"expectsMediaDataInRealTime">()));
+    id asked = dictionary({AVVideoCodecKey, AVVideoWidthKey, AVVideoHeightKey, AVVideoCompressionPropertiesKey},
+                          {AVVideoCodecTypeH264, number(640), number(480),
+                           dictionary({AVVideoAverageBitRateKey}, {number(2000000)})});
+    id settings = send<id>(input, sel<"outputSettings">());
+    EXPECT_TRUE(send<BOOL>(settings, sel<"isEqual:">(), asked)) << text(send<id>(settings, sel<"description">()));
 
     // Frames keep coming while recording; a few of them make the movie.
     runMainUntil(1.2, [] { return false; });
@@ -188,9 +183,11 @@ TEST_F(PickerRecording, TwoTapsRecordAnH264MovieOfWhatWasShown)
     EXPECT_EQ("Finishing video…", statusOf(screen));
     EXPECT_FALSE(captureEnabled(screen));
     EXPECT_TRUE(send<BOOL>(screen, sel<"finishing">()));
+    send<void>(screen, sel<"stopRecordingAndDeliver:">(), YES); // a second stop is harmless
 
     ASSERT_TRUE(runMainUntil(10, [&] { return !delegate_->calls.empty(); }));
     ASSERT_EQ(1u, delegate_->calls.size());
+    EXPECT_TRUE(delegate_->calls[0].mainThread);
     id info = delegate_->calls[0].info.get();
     EXPECT_EQ(2u, count(info));
     EXPECT_EQ("public.movie", text(send<id>(info, sel<"objectForKey:">(), UIImagePickerControllerMediaType)));
@@ -200,10 +197,11 @@ TEST_F(PickerRecording, TwoTapsRecordAnH264MovieOfWhatWasShown)
     EXPECT_EQ("Finishing video…", statusOf(screen)) << "delivered: the screen waits to be dismissed";
     EXPECT_FALSE(captureEnabled(screen));
 
-    Movie movie = probe(file);
+    // The file: MPEG-4 (not QuickTime), one H.264 track of 640 x 480.
+    Movie movie = zerlan::testing::readMovie(file);
     ASSERT_TRUE(movie.opened) << file;
+    EXPECT_TRUE(movie.majorBrand == "isom" || movie.majorBrand == "mp42") << "major brand " << movie.majorBrand;
     EXPECT_EQ(1, movie.streams);
-    EXPECT_EQ(0, movie.audioStreams);
     EXPECT_EQ(AV_CODEC_ID_H264, movie.codec);
     EXPECT_EQ(640, movie.width);
     EXPECT_EQ(480, movie.height);
@@ -211,23 +209,22 @@ TEST_F(PickerRecording, TwoTapsRecordAnH264MovieOfWhatWasShown)
     // (plus the last frame's own 0.1 s), and a 1.2 s recording holds more than one frame.
     EXPECT_LE(movie.seconds, recorded + 0.15);
     EXPECT_GE(movie.seconds, 0.2);
-    // And it shows the feed: the served picture, within what H.264 at this bit rate loses.
-    int width = 0;
-    std::vector<uint8_t> picture = lastPicture(file, &width);
-    ASSERT_EQ(640u * 480u, picture.size()) << "width " << width;
-    EXPECT_LT(lumaDistance(picture, canvas_), 6.0);
+    // And it shows the feed from its first picture to its last: the served picture, within what
+    // H.264 at this bit rate loses.
+    zerlan::testing::Pictures pictures = zerlan::testing::decodePictures(file);
+    ASSERT_EQ(640, pictures.width);
+    ASSERT_EQ(480, pictures.height);
+    ASSERT_GE(pictures.luma.size(), 2u);
+    EXPECT_LT(lumaDistance(pictures.luma.front(), canvas_), 6.0) << "the first picture";
+    EXPECT_LT(lumaDistance(pictures.luma.back(), canvas_), 6.0) << "the last picture";
 
     // Dismissing the picker later leaves the delivered movie alone.
-    __block bool gone = false;
-    send<void>(picker_.get(), sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
-        gone = true;
-    });
-    ASSERT_TRUE(waitFor(^bool { return gone; }));
+    ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
     drainMainQueue();
     EXPECT_TRUE(fs::exists(file));
 }
 
-TEST_F(PickerRecording, TheMaximumDurationEndsTheRecordingAndEachRecordingHasItsOwnFile)
+TEST_F(PickerRecording, TheFrameThatReachesTheMaximumDurationEndsTheMovieAndEachRecordingHasItsOwnFile)
 {
     std::vector<std::string> files;
     for (int round = 0; round < 2; ++round) {
@@ -237,12 +234,32 @@ TEST_F(PickerRecording, TheMaximumDurationEndsTheRecordingAndEachRecordingHasIts
             << "status " << statusOf(screen);
         EXPECT_EQ(files.back(), pathOf(movieURLOf(round)));
         ASSERT_TRUE(runMainUntil(5, [&] { return !send<id>(app_.root(), sel<"presentedViewController">()); }));
-        Movie movie = probe(files.back());
-        EXPECT_EQ(AV_CODEC_ID_H264, movie.codec);
-        EXPECT_GE(movie.seconds, 0.5) << "the frame that reached the limit is in the movie";
+        // Every frame but the last came before the limit; the last reached it and is in.
+        std::vector<double> times = zerlan::testing::readMovie(files.back()).times;
+        ASSERT_GE(times.size(), 2u);
+        EXPECT_GE(times.back() - times.front(), 0.5);
+        EXPECT_LT(times[times.size() - 2] - times.front(), 0.5);
     }
     EXPECT_NE(files[0], files[1]);
     EXPECT_TRUE(fs::exists(files[0]) && fs::exists(files[1])) << "delivered movies are the app's";
+}
+
+TEST_F(PickerRecording, AFrameMissedWhileRecordingDisablesTheStopButtonUntilTheNextOne)
+{
+    delegate_->dismissOnResult = false;
+    id screen = showVideoCamera();
+    startRecording(screen);
+    server_->stop();
+    ASSERT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Waiting for Zerlan camera feed…"; }));
+    EXPECT_FALSE(captureEnabled(screen));
+    EXPECT_TRUE(send<BOOL>(screen, sel<"recording">())) << "the recording goes on without the frame";
+
+    serve();
+    ASSERT_TRUE(runMainUntil(10, [&] { return captureEnabled(screen); }));
+    EXPECT_EQ("Waiting for Zerlan camera feed…", statusOf(screen)) << "the recording text does not come back";
+    EXPECT_TRUE(send<BOOL>(screen, sel<"recording">()));
+    ASSERT_TRUE(tap(send<id>(screen, sel<"captureButton">())));
+    EXPECT_TRUE(runMainUntil(10, [&] { return !delegate_->calls.empty(); }));
 }
 
 TEST_F(PickerRecording, CancelAndDisappearingDiscardTheRecording)
@@ -250,9 +267,7 @@ TEST_F(PickerRecording, CancelAndDisappearingDiscardTheRecording)
     delegate_->dismissOnResult = false;
     id screen = showVideoCamera();
     std::string cancelled = startRecording(screen);
-    id cancel = objectAtIndex(
-        send<id>(objectAtIndex(send<id>(send<id>(screen, sel<"view">()), sel<"subviews">()), 1), sel<"subviews">()), 0);
-    ASSERT_TRUE(tap(cancel));
+    ASSERT_TRUE(tap(cancelButton(screen)));
     EXPECT_EQ("Cancelling…", statusOf(screen));
     EXPECT_FALSE(send<BOOL>(screen, sel<"finishing">())) << "a cancelled recording's screen goes on polling";
     ASSERT_EQ(1u, delegate_->calls.size());
@@ -264,15 +279,40 @@ TEST_F(PickerRecording, CancelAndDisappearingDiscardTheRecording)
     ASSERT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Tap to record" && captureEnabled(screen); }));
     std::string dropped = startRecording(screen);
     EXPECT_NE(cancelled, dropped);
-    __block bool gone = false;
-    send<void>(app_.root(), sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
-        gone = true;
-    });
-    ASSERT_TRUE(waitFor(^bool { return gone; }));
+    ASSERT_TRUE(PickerApp::dismiss(app_.root()));
     EXPECT_FALSE(send<BOOL>(screen, sel<"recording">()));
     ASSERT_TRUE(waitForWriterDone(screen));
     EXPECT_FALSE(fs::exists(dropped));
     EXPECT_EQ(1u, delegate_->calls.size()) << "a discarded recording is not delivered";
+}
+
+TEST_F(PickerRecording, AScreenGoneBeforeTheWriterCompletesGetsNothingAndTheFileStays)
+{
+    Strong<> frame = image(canvas_);
+    for (bool deliver : {true, false}) {
+        SCOPED_TRACE(deliver ? "delivering" : "discarding");
+        Weak screenLeft, writerLeft;
+        std::string file;
+        {
+            // A screen made as the library makes one, never shown: nothing polls it, and the test
+            // holds the only reference.
+            AutoreleasePool pool;
+            picker_ = app_.cameraPicker(delegate_.object.get(), {"public.movie"});
+            Strong<> screen = Strong<>::adopt(send<id>(reinterpret_cast<id>(ZerlanVirtualImagePickerClass()), sel<"new">()));
+            send<void>(screen.get(), sel<"setPicker:">(), picker_.get());
+            send<id>(screen.get(), sel<"view">());
+            file = startRecording(screen.get(), "startRecording");
+            send<void>(screen.get(), sel<"appendVideoFrame:">(), frame.get());
+            writerLeft.store(send<id>(screen.get(), sel<"writer">()));
+            send<void>(screen.get(), sel<"stopRecordingAndDeliver:">(), BOOL(deliver));
+            screenLeft.store(screen.get());
+        }
+        EXPECT_FALSE(screenLeft.load()) << "the writer's completion holds the screen weakly";
+        // The completion holds the writer until it has run on the main queue.
+        ASSERT_TRUE(runMainUntil(10, [&] { return !writerLeft.load(); }));
+        EXPECT_TRUE(delegate_->calls.empty());
+        EXPECT_TRUE(fs::exists(file));
+    }
 }
 
 TEST_F(PickerRecording, TheHarnessSettingStartsARecordingInVideoMode)
@@ -286,22 +326,89 @@ TEST_F(PickerRecording, TheHarnessSettingStartsARecordingInVideoMode)
     EXPECT_TRUE(delegate_->calls.empty()) << "the recording runs until a tap, a limit or the screen goes";
 }
 
-TEST_F(PickerRecording, AWriterThatCannotStartLeavesTheScreenIdle)
+// A start that fails changes nothing but the status text, which the next frame replaces; a stop
+// with nothing recording does nothing either, also when it asks for delivery.
+TEST_F(PickerRecording, AStartThatFailsLeavesTheScreenIdleAndSaysWhy)
 {
-    ScopedEnv env("TMPDIR", "/nonexistent/zerlan-picker-test");
-    id screen = showVideoCamera();
-    send<void>(screen, sel<"captureTapped">());
-    // The writer cannot create its file, so starting fails; the screen shows the writer's own
-    // description of it, whatever the platform's words are.
-    std::string said = statusOf(screen);
-    EXPECT_NE("Recording… Tap to stop", said);
-    EXPECT_NE("Tap to record", said);
-    EXPECT_FALSE(said.empty());
-    EXPECT_FALSE(send<BOOL>(screen, sel<"recording">()));
-    EXPECT_EQ(nil, send<id>(screen, sel<"writer">()));
-    EXPECT_TRUE(captureEnabled(screen));
-    // The next frame puts the ready text back.
-    ASSERT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Tap to record"; }));
+    struct {
+        const char *what;
+        SEL replaced; // in AVAssetWriter, by the replacement; none: startWriting fails
+        IMP replacement;
+        const char *status; // nullptr: the writer's own description
+    } const cases[] = {
+        {"the writer cannot be created", sel<"initWithURL:fileType:error:">(), imp(writerThatCannotBeCreated),
+         "Unable to start video recording."},
+        {"the writer refuses the input", sel<"canAddInput:">(), imp(refusesEveryInput), "Unable to start video recording."},
+        {"startWriting fails", nullptr, nullptr, nullptr},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        id screen = showVideoCamera(0, {"public.image", "public.movie"});
+        ASSERT_TRUE(stopPolling(screen));
+        for (BOOL deliver : {NO, YES})
+            send<void>(screen, sel<"stopRecordingAndDeliver:">(), deliver);
+        EXPECT_EQ("Tap to record", statusOf(screen)) << "nothing recording, nothing stopped";
+        EXPECT_FALSE(send<BOOL>(screen, sel<"finishing">()));
+        EXPECT_TRUE(captureEnabled(screen));
+
+        std::optional<ReplacedMethod> fault;
+        std::optional<ScopedEnv> noTemporaryFolder;
+        if (c.replaced)
+            fault.emplace("AVAssetWriter", c.replaced, c.replacement);
+        else // the writer cannot make its file
+            noTemporaryFolder.emplace("TMPDIR", "/nonexistent/zerlan-picker-test");
+        send<void>(screen, sel<"captureTapped">());
+        fault.reset();
+        std::string said = statusOf(screen);
+        if (c.status)
+            EXPECT_EQ(c.status, said);
+        else
+            EXPECT_TRUE(said != "Recording… Tap to stop" && said != "Tap to record" && !said.empty()) << said;
+        EXPECT_FALSE(send<BOOL>(screen, sel<"recording">()));
+        EXPECT_EQ(nil, send<id>(screen, sel<"writer">()));
+        EXPECT_TRUE(captureEnabled(screen));
+        EXPECT_EQ(36, cornerRadius(screen));
+        EXPECT_TRUE(send<BOOL>(send<id>(screen, sel<"modeControl">()), sel<"isEnabled">()));
+        send<void>(screen, sel<"requestFrame">());
+        EXPECT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Tap to record"; }));
+        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
+    }
+}
+
+// A recording stopped before its first frame is a movie of nothing, which the writer fails to
+// finish: the screen takes taps again and shows why, in the writer's words or its own, until the
+// next frame comes.
+TEST_F(PickerRecording, AFinishThatFailsUnblocksTheScreenAndSaysWhyUntilTheNextFrame)
+{
+    delegate_->dismissOnResult = false;
+    for (bool writerSaysWhy : {true, false}) {
+        SCOPED_TRACE(writerSaysWhy ? "the writer's error" : "no error from the writer");
+        id screen = showVideoCamera(0, {"public.image", "public.movie"});
+        ASSERT_TRUE(stopPolling(screen));
+        std::string file = startRecording(screen);
+        Strong<> writer = Strong<>::retain(send<id>(screen, sel<"writer">()));
+        std::optional<ReplacedMethod> silent;
+        if (!writerSaysWhy)
+            silent.emplace("AVAssetWriter", sel<"error">(), imp(noError));
+        send<void>(screen, sel<"captureTapped">());
+        EXPECT_TRUE(send<BOOL>(screen, sel<"finishing">()));
+        ASSERT_TRUE(waitForWriterDone(screen));
+
+        id error = send<id>(writer.get(), sel<"error">());
+        ASSERT_EQ(writerSaysWhy, error != nil);
+        EXPECT_EQ(writerSaysWhy ? text(send<id>(error, sel<"localizedDescription">())) : "Video recording failed.",
+                  statusOf(screen));
+        EXPECT_TRUE(delegate_->calls.empty());
+        EXPECT_FALSE(send<BOOL>(screen, sel<"finishing">()));
+        EXPECT_TRUE(captureEnabled(screen));
+        EXPECT_EQ(36, cornerRadius(screen));
+        EXPECT_TRUE(send<BOOL>(send<id>(screen, sel<"modeControl">()), sel<"isEnabled">()));
+        EXPECT_TRUE(fs::exists(file)) << "the incomplete file stays";
+        silent.reset();
+        send<void>(screen, sel<"requestFrame">());
+        EXPECT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Tap to record"; }));
+        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
+    }
 }
 
 } // namespace

@@ -153,11 +153,7 @@ TEST_F(PickerScreen, APickerForOneMediaTypeHasNoModeSwitch)
         EXPECT_EQ(4u, count(send<id>(send<id>(screen, sel<"view">()), sel<"subviews">())));
         EXPECT_EQ(c.modeAfter, send<long>(picker_.get(), sel<"cameraCaptureMode">()));
         EXPECT_EQ(c.modeAfter == 1, bool(send<BOOL>(screen, sel<"isVideoMode">())));
-        __block bool gone = false;
-        send<void>(picker_.get(), sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
-            gone = true;
-        });
-        ASSERT_TRUE(waitFor(^bool { return gone; }));
+        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
     }
 }
 
@@ -221,9 +217,7 @@ TEST_F(PickerScreen, CancelTellsTheDelegateOnceAndTheDismissalEndsPolling)
     // dismissal that left the timer running would be hidden by the screen's deallocation.
     Strong<> screen = Strong<>::retain(show());
     ASSERT_TRUE(waitForStatus(screen, "Tap to capture"));
-    id cancel = objectAtIndex(send<id>(objectAtIndex(send<id>(send<id>(screen, sel<"view">()), sel<"subviews">()), 1),
-                                       sel<"subviews">()),
-                              0);
+    id cancel = cancelButton(screen);
     ASSERT_TRUE(tap(cancel));
     tap(cancel);
     ASSERT_EQ(1u, delegate_->calls.size());
@@ -249,11 +243,7 @@ TEST_F(PickerScreen, TheHarnessSettingTakesThePhotoWithoutATouch)
         }
         EXPECT_TRUE(delegate_->calls.empty());
         EXPECT_FALSE(send<BOOL>(screen, sel<"automatedCaptureTriggered">()));
-        __block bool gone = false;
-        send<void>(picker_.get(), sel<"dismissViewControllerAnimated:completion:">(), NO, ^{
-            gone = true;
-        });
-        ASSERT_TRUE(waitFor(^bool { return gone; }));
+        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
     }
     ScopedEnv env("ZERLAN_HARNESS_AUTO_PICKER", "photo-capture");
     delegate_->dismissOnResult = true;
@@ -264,6 +254,36 @@ TEST_F(PickerScreen, TheHarnessSettingTakesThePhotoWithoutATouch)
     EXPECT_TRUE(send<BOOL>(screen, sel<"automatedCaptureTriggered">()));
     id photo = send<id>(delegate_->calls[0].info.get(), sel<"objectForKey:">(), UIImagePickerControllerOriginalImage);
     EXPECT_NE(nil, photo) << "the first frame, as the photo";
+}
+
+TEST_F(PickerScreen, PollingKeepsOneFetchOutAndAScreenThatIsGoneDropsItsResult)
+{
+    HeldFetches port;
+    Weak gone;
+    {
+        AutoreleasePool pool;
+        id screen = show();
+        ASSERT_TRUE(runMainUntil(5, [&] { return port.count() > 0; })) << "the first fetch";
+        EXPECT_TRUE(send<BOOL>(screen, sel<"fetchInFlight">()));
+        // Ticks and direct requests while that fetch is out start nothing: the library's fetch
+        // gives up only after a second, so any fetch within that second would be a second one.
+        for (int i = 0; i < 5; ++i)
+            send<void>(screen, sel<"requestFrame">());
+        runMainUntil(0.6, [] { return false; });
+        EXPECT_EQ(1u, port.countWithin(0.9));
+
+        // Dismissed while the fetch is out: the fetch does not keep the screen.
+        gone.store(screen);
+        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
+        picker_ = nullptr;
+    }
+    drainMainQueue();
+    EXPECT_FALSE(gone.load()) << "freed while its fetch was out";
+    size_t fetches = port.count();
+    port.release(); // the fetch ends, its result finds no screen
+    drainMainQueue();
+    runMainUntil(0.3, [] { return false; });
+    EXPECT_EQ(fetches, port.count()) << "a screen that is gone polls no more";
 }
 
 } // namespace
