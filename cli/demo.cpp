@@ -322,14 +322,6 @@ bool runPickerDemo(const fs::path& binDir, const fs::path& library, const fs::pa
         return "recording with picker-app...";
       });
 
-  // picker-app leaves the delivered movie in the temporary folder, where the library wrote it;
-  // the demo keeps only its copy in the output folder.
-  const auto& recorded = recording.result;
-  if (recorded.is_object() && recorded["movieURL"].is_string() && fs::exists(movie)) {
-    const std::string url = recorded["movieURL"].get<std::string>();
-    if (url.rfind("file://", 0) == 0) fs::remove(url.substr(7), ec);
-  }
-
   std::printf("\npicker-app received, through UIImagePickerController with ZerlanInject preloaded:\n");
   bool ok = true;
   auto report = [&](const char* label, const AppRun& run, const fs::path& file, const std::string& what) {

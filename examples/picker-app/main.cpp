@@ -38,12 +38,14 @@ constexpr const char *kUsage =
     "  auto    no taps: sets ZERLAN_HARNESS_AUTO_PICKER=photo-capture so the camera takes the\n"
     "          first picture by itself\n"
     "--media sets the picker's media types (default: photo for photo and auto, video for record,\n"
-    "both for cancel); --max-seconds sets its videoMaximumDuration; --save keeps the photo as JPEG or\n"
-    "a copy of the movie; --timeout bounds the wait for a result (default 20 s plus the recording).\n"
+    "both for cancel; photo and auto need photos, record needs movies); --max-seconds sets its\n"
+    "videoMaximumDuration; --save keeps the photo as JPEG or moves the movie there (a movie not\n"
+    "saved is removed, as an app removes what it does not keep); --timeout bounds the wait for a\n"
+    "result (default 20 s plus the recording).\n"
     "\n"
     "Prints one JSON object: sourceTypeAvailable, presented, mediaTypes, captureModes, result\n"
-    "(photo, movie, cancel or null), imageWidth, imageHeight, movieURL, movieExists, statusTexts,\n"
-    "delegateCalls, dismissed, error.\n"
+    "(photo, movie, cancel or null), imageWidth, imageHeight, movieURL, movieExists (whether the\n"
+    "movie was there when it was delivered), statusTexts, delegateCalls, dismissed, error.\n"
     "Exit status: 0 when the action's result arrived, 1 when it did not (the error says why), 2 for\n"
     "a bad command line.\n";
 
@@ -62,6 +64,7 @@ struct Outcome {
     std::optional<std::string> result;
     Strong<> image;
     Strong<> movieURL;
+    bool movieExisted = false;
     bool dismissed = false;
 };
 
@@ -90,6 +93,7 @@ void didFinishPicking(id, SEL, id picker, id info)
     } else if (type == "public.movie") {
         gOutcome.result = "movie";
         gOutcome.movieURL = Strong<>::retain(send<id>(info, sel<"objectForKey:">(), UIImagePickerControllerMediaURL));
+        gOutcome.movieExisted = std::filesystem::exists(text(send<id>(gOutcome.movieURL.get(), sel<"path">())));
     }
     pickerDidDismiss(picker);
 }
@@ -156,6 +160,16 @@ std::optional<Options> parseOptions(int argc, char **argv)
     }
     if (o.media.empty())
         o.media = o.action == "record" ? "video" : o.action == "cancel" ? "both" : "photo";
+    // A picker that cannot give what the action waits for would only time out.
+    bool photoAction = o.action == "photo" || o.action == "auto";
+    if ((photoAction && o.media == "video") || (o.action == "record" && o.media == "photo")) {
+        std::fprintf(stderr,
+                     "picker-app: --action %s needs %s, but --media %s allows only %s: use --media %s or both%s\n",
+                     o.action.c_str(), photoAction ? "photos" : "movies", o.media.c_str(),
+                     photoAction ? "movies" : "photos", photoAction ? "photo" : "video",
+                     photoAction ? ", or --action record" : "");
+        return std::nullopt;
+    }
     if (o.timeout == 0)
         o.timeout = 20 + o.recordSeconds;
     return o;
@@ -290,26 +304,34 @@ std::optional<std::string> act(Run &run, const Options &options)
     return std::nullopt;
 }
 
-bool saveOutcome(const std::string &path, std::string &error)
+// Keeps what --save asks for: the photo as JPEG, the movie moved there. A movie not kept is
+// removed: the picker hands the app its file, and the library never deletes it.
+bool keepOutcome(const std::string &path, std::string &error)
 {
-    if (gOutcome.image) {
+    std::error_code ec;
+    if (gOutcome.image && !path.empty()) {
         id jpeg = UIImageJPEGRepresentation(gOutcome.image.get(), 0.9);
         std::ofstream file(path, std::ios::binary);
         file.write(static_cast<const char *>(send<const void *>(jpeg, sel<"bytes">())),
                    static_cast<std::streamsize>(send<unsigned long>(jpeg, sel<"length">())));
-        if (file)
-            return true;
+        if (!file)
+            error = "cannot write " + path;
     } else if (gOutcome.movieURL) {
-        std::error_code ec;
-        std::filesystem::copy_file(text(send<id>(gOutcome.movieURL.get(), sel<"path">())), path,
-                                   std::filesystem::copy_options::overwrite_existing, ec);
-        if (!ec)
+        std::filesystem::path movie = text(send<id>(gOutcome.movieURL.get(), sel<"path">()));
+        if (path.empty()) {
+            std::filesystem::remove(movie, ec);
             return true;
-    } else {
-        return true;
+        }
+        std::filesystem::rename(movie, path, ec);
+        if (ec) { // another file system: a copy, then the original goes
+            std::filesystem::copy_file(movie, path, std::filesystem::copy_options::overwrite_existing, ec);
+            if (!ec)
+                std::filesystem::remove(movie, ec);
+            else
+                error = "cannot write " + path + " (the movie stays at " + movie.string() + ")";
+        }
     }
-    error = "cannot write " + path;
-    return false;
+    return error.empty();
 }
 
 } // namespace
@@ -390,7 +412,7 @@ int main(int argc, char **argv)
         error = "expected a " + expected + " result, got " + gOutcome.result.value_or("none");
 
     std::string saveError;
-    if (!options->save.empty() && !saveOutcome(options->save, saveError) && !error)
+    if (!keepOutcome(options->save, saveError) && !error)
         error = saveError;
 
     out["sourceTypeAvailable"] = available;
@@ -401,10 +423,9 @@ int main(int argc, char **argv)
     CGSize size = send<CGSize>(gOutcome.image.get(), sel<"size">());
     out["imageWidth"] = gOutcome.image ? nlohmann::ordered_json(int(size.width)) : nlohmann::ordered_json(nullptr);
     out["imageHeight"] = gOutcome.image ? nlohmann::ordered_json(int(size.height)) : nlohmann::ordered_json(nullptr);
-    std::string moviePath = gOutcome.movieURL ? text(send<id>(gOutcome.movieURL.get(), sel<"path">())) : "";
     out["movieURL"] = gOutcome.movieURL ? nlohmann::ordered_json(text(send<id>(gOutcome.movieURL.get(), sel<"absoluteString">())))
                                         : nlohmann::ordered_json(nullptr);
-    out["movieExists"] = !moviePath.empty() && std::filesystem::exists(moviePath);
+    out["movieExists"] = gOutcome.movieExisted;
     out["statusTexts"] = run.statusTexts;
     out["delegateCalls"] = gOutcome.delegateCalls;
     out["dismissed"] = gOutcome.dismissed;

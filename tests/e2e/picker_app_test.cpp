@@ -1,6 +1,7 @@
 // picker-app, an app's image picker code, against a real `zerlan serve`: a camera-less Simulator
 // has no camera source; with ZerlanInject preloaded the camera screen comes up in the picker's
-// place and photos, movies (checked with ffprobe) and cancellations reach the app's delegate.
+// place and photos, movies (checked with ffprobe) and cancellations reach the app's delegate; the
+// app keeps only the movies it is told to save, and refuses at once what it could never get.
 #include "E2eSupport.h"
 
 #include <gtest/gtest.h>
@@ -16,12 +17,13 @@ AppRun pickerApp(bool withLibrary, std::vector<std::string> args, std::map<std::
     return runApp("picker-app", withLibrary, std::move(args), std::move(env));
 }
 
-// ffprobe's view of a movie: codec, size and duration of its streams.
+// ffprobe's view of a movie: codec, size and bit rate of its streams, the container's brand and
+// duration.
 nlohmann::json ffprobe(const fs::path &movie)
 {
     ProcessResult probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries",
-                                      "stream=codec_type,codec_name,width,height:format=duration", "-of", "json",
-                                      movie.string()});
+                                      "stream=codec_type,codec_name,width,height,bit_rate:format=duration:format_tags=major_brand",
+                                      "-of", "json", movie.string()});
     return nlohmann::json::parse(probe.out, nullptr, false);
 }
 
@@ -30,13 +32,41 @@ protected:
     void SetUp() override
     {
         dir_ = fs::temp_directory_path() / ("zerlan-picker-app-" + std::to_string(getpid()));
-        fs::create_directories(dir_);
+        fs::create_directories(tmp_ = dir_ / "tmp");
         ASSERT_TRUE(waitFor([] { return !somethingListens(); }, 20s)) << "something else listens on port 47654";
     }
     void TearDown() override { fs::remove_all(dir_); }
 
-    fs::path dir_;
+    // picker-app with the library, its temporary folder (where recordings go) in the test's own.
+    AppRun record(std::vector<std::string> args)
+    {
+        return pickerApp(true, std::move(args), {{"TMPDIR", tmp_.string()}});
+    }
+
+    // What the app left in its temporary folder.
+    std::vector<std::string> leftInTmp() const
+    {
+        std::vector<std::string> names;
+        for (const auto &entry : fs::directory_iterator(tmp_))
+            names.push_back(entry.path().filename().string());
+        return names;
+    }
+
+    fs::path dir_, tmp_;
 };
+
+TEST_F(PickerAppTest, ActionsThatTheMediaTypesRuleOutAreRefusedAtOnce)
+{
+    for (std::vector<std::string> args : {std::vector<std::string>{"--action", "photo", "--media", "video"},
+                                          {"--action", "auto", "--media", "video"},
+                                          {"--action", "record", "--media", "photo"}}) {
+        SCOPED_TRACE(args[1] + " " + args[3]);
+        AppRun run = pickerApp(true, args);
+        EXPECT_EQ(2, run.process.status) << "a bad command line, not a result that never came";
+        EXPECT_EQ("", run.process.out);
+        EXPECT_NE(std::string::npos, run.process.err.find("--media " + args[3] + " allows only")) << run.process.err;
+    }
+}
 
 TEST_F(PickerAppTest, WithoutTheLibraryThereIsNoCameraSource)
 {
@@ -103,19 +133,21 @@ TEST_F(PickerAppTest, ARecordingIsAnH264MovieOfTheFeed)
     FrameServer server({"--qr", "movie"});
     ASSERT_TRUE(server.waitUntilServing()) << server.log();
     fs::path saved = dir_ / "movie.mp4";
-    AppRun run = pickerApp(true, {"--action", "record", "--media", "both", "--record-seconds", "1.5", "--save", saved.string()});
+    AppRun run = record({"--action", "record", "--media", "both", "--record-seconds", "1.5", "--save", saved.string()});
     ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
     const nlohmann::json &out = run.out;
     EXPECT_EQ("movie", out["result"]);
-    EXPECT_EQ(true, out["movieExists"]) << "the delivered movie stays where the library wrote it";
-    ASSERT_EQ(0u, out["movieURL"].get<std::string>().rfind("file://", 0)) << out["movieURL"];
-    fs::remove(out["movieURL"].get<std::string>().substr(7)); // the copy in dir_ is what is checked
+    EXPECT_EQ(true, out["movieExists"]) << "the library left the delivered movie for the app";
+    EXPECT_EQ(0u, out["movieURL"].get<std::string>().rfind("file://" + tmp_.string() + "/zerlan-picker-", 0))
+        << out["movieURL"];
+    EXPECT_EQ(std::vector<std::string>{}, leftInTmp()) << "moved to --save";
     nlohmann::json statuses = out["statusTexts"];
     for (const char *expected : {"Tap to record", "Recording… Tap to stop", "Finishing video…"})
         EXPECT_NE(statuses.end(), std::find(statuses.begin(), statuses.end(), expected)) << expected << " in " << statuses;
 
     nlohmann::json probe = ffprobe(saved);
     ASSERT_TRUE(probe.is_object());
+    EXPECT_EQ("isom", probe["format"]["tags"]["major_brand"]) << "MPEG-4, not QuickTime";
     ASSERT_EQ(1u, probe["streams"].size()) << probe << " (no audio track)";
     EXPECT_EQ("video", probe["streams"][0]["codec_type"]);
     EXPECT_EQ("h264", probe["streams"][0]["codec_name"]);
@@ -130,12 +162,11 @@ TEST_F(PickerAppTest, TheMaximumDurationEndsARecordingWithoutTheSecondTap)
 {
     FrameServer server({});
     ASSERT_TRUE(server.waitUntilServing()) << server.log();
-    AppRun run = pickerApp(true, {"--action", "record", "--max-seconds", "0.5", "--record-seconds", "8"});
+    AppRun run = record({"--action", "record", "--max-seconds", "0.5", "--record-seconds", "8"});
     ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
     EXPECT_EQ("movie", run.out["result"]);
-    nlohmann::json probe = ffprobe(run.out["movieURL"].get<std::string>().substr(7));
-    EXPECT_GE(std::stod(probe["format"]["duration"].get<std::string>()), 0.5);
-    fs::remove(run.out["movieURL"].get<std::string>().substr(7));
+    EXPECT_EQ(true, run.out["movieExists"]);
+    EXPECT_EQ(std::vector<std::string>{}, leftInTmp()) << "a movie not saved is removed by the app";
 }
 
 } // namespace
