@@ -1,6 +1,8 @@
-// The diagnostic lines of the capture path: written through NSLog, in order, exactly when
-// ZERLAN_DEBUG is in the environment (this file runs once without it and once with it).
+// The diagnostic lines of the capture path and the image picker: written through NSLog, word for
+// word and in order, exactly when ZERLAN_DEBUG is in the environment (this file runs once without
+// it and once with it).
 #include "CaptureTestSupport.h"
+#include "PickerTestSupport.h"
 
 #include <fakesdk/foundation_np.h>
 
@@ -15,6 +17,28 @@ namespace {
 #define DIAGNOSTICS_SUITE DiagnosticsOff
 #endif
 
+// Each line in order in the log, or none of them: what the environment asks for.
+void expectLines(const std::string &log, std::initializer_list<const char *> lines)
+{
+    bool debug = std::getenv("ZERLAN_DEBUG") != nullptr;
+    size_t from = 0;
+    for (const char *line : lines) {
+        size_t at = log.find(std::string(line) + "\n", from);
+        EXPECT_EQ(debug, at != std::string::npos) << line;
+        if (at != std::string::npos)
+            from = at;
+    }
+}
+
+std::string stopCapturing()
+{
+    char *captured = NSLogCopyCaptured_np();
+    std::string log = captured;
+    free(captured);
+    NSLogCapture_np(false);
+    return log;
+}
+
 TEST(DIAGNOSTICS_SUITE, CapturePathLinesOnlyWithZerlanDebug)
 {
     AutoreleasePool pool;
@@ -28,12 +52,7 @@ TEST(DIAGNOSTICS_SUITE, CapturePathLinesOnlyWithZerlanDebug)
                static_cast<dispatch_queue_t>(nullptr));
     send<void>(app.session.get(), sel<"startRunning">());
     send<void>(allocInit<"init">("AVCaptureSession").get(), sel<"addInputWithNoConnections:">(), app.input.get());
-    char *captured = NSLogCopyCaptured_np();
-    std::string log = captured;
-    free(captured);
-    NSLogCapture_np(false);
-
-    const char *lines[] = {
+    expectLines(stopCapturing(), {
         "[ZerlanInject] fabricated AVCaptureDeviceInput",
         "[ZerlanInject] accepted fabricated camera input",
         "[ZerlanInject] accepted video output",
@@ -42,15 +61,39 @@ TEST(DIAGNOSTICS_SUITE, CapturePathLinesOnlyWithZerlanDebug)
         "[ZerlanInject] captured metadata delegate",
         "[ZerlanInject] capture session started through bridge",
         "[ZerlanInject] accepted fabricated input without connections",
-    };
-    bool debug = std::getenv("ZERLAN_DEBUG") != nullptr;
-    size_t from = 0;
-    for (const char *line : lines) {
-        size_t at = log.find(std::string(line) + "\n", from);
-        EXPECT_EQ(debug, at != std::string::npos) << line;
-        if (at != std::string::npos)
-            from = at;
+    });
+}
+
+TEST(DIAGNOSTICS_SUITE, PickerLinesOnlyWithZerlanDebug)
+{
+    using namespace picker_test;
+    NSLogCapture_np(true);
+    Delegate delegate;
+    PickerApp app;
+    Strong<> picker = app.cameraPicker(delegate.object.get());
+    {
+        // A frame port that answers 200 with 13 bytes that are no picture.
+        zerlan::testing::ScriptedServer notAPicture(
+            [](int fd) {
+                zerlan::testing::ScriptedServer::readHead(fd);
+                zerlan::testing::ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nnot a picture");
+                return true;
+            },
+            47654);
+        id screen = app.present(picker.get());
+        ASSERT_TRUE(stopPolling(screen));
+        send<void>(screen, sel<"requestFrame">());
+        ASSERT_TRUE(stopPolling(screen));
     }
+    // Nothing listens now: no bytes at all.
+    id screen = send<id>(app.root(), sel<"presentedViewController">());
+    send<void>(screen, sel<"requestFrame">());
+    ASSERT_TRUE(stopPolling(screen));
+    expectLines(stopCapturing(), {
+                                     "[ZerlanInject] presenting virtual UIImagePickerController camera",
+                                     "[ZerlanInject] image picker frame unavailable (13 bytes)",
+                                     "[ZerlanInject] image picker frame unavailable (0 bytes)",
+                                 });
 }
 
 } // namespace
