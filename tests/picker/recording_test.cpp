@@ -222,6 +222,7 @@ TEST_F(PickerRecording, TwoTapsRecordAnMPEG4MovieOfWhatWasShownAsAsked)
     ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
     drainMainQueue();
     EXPECT_TRUE(fs::exists(file));
+    EXPECT_EQ(1u, delegate_->calls.size()) << "one movie, however often stop was sent";
 }
 
 TEST_F(PickerRecording, TheFrameThatReachesTheMaximumDurationEndsTheMovieAndEachRecordingHasItsOwnFile)
