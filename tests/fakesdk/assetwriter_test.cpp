@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 extern "C" id const AVFileTypeQuickTimeMovie;
 extern "C" id const AVVideoCompressionPropertiesKey;
@@ -40,20 +41,16 @@ id settings(long width, long height)
     return send<id>(cls("NSDictionary"), sel<"dictionaryWithObjects:forKeys:count:">(), values, keys, 4UL);
 }
 
-// The grey level (0 to 255) of a picture's pixel.
-using Picture = std::function<uint8_t(size_t x, size_t y)>;
+// A 32BGRA 640 x 480 buffer painted by paint(pixels, bytesPerRow), at `seconds` on a 1/600 s
+// clock, lasting 0.1 s.
+using Painter = std::function<void(uint8_t *pixels, size_t bytesPerRow)>;
 
-// A 32BGRA 640 x 480 buffer of the picture, at `seconds` on a 1/600 s clock, lasting 0.1 s.
-CMSampleBufferRef buffer(double seconds, const Picture &picture)
+CMSampleBufferRef buffer(double seconds, const Painter &paint)
 {
-    constexpr size_t width = 640, height = 480;
     CVPixelBufferRef pixels = nullptr;
-    CVPixelBufferCreate(kCFAllocatorDefault, width, height, kCVPixelFormatType_32BGRA, nullptr, &pixels);
+    CVPixelBufferCreate(kCFAllocatorDefault, 640, 480, kCVPixelFormatType_32BGRA, nullptr, &pixels);
     CVPixelBufferLockBaseAddress(pixels, 0);
-    auto *base = static_cast<uint8_t *>(CVPixelBufferGetBaseAddress(pixels));
-    for (size_t y = 0; y < height; ++y)
-        for (size_t x = 0; x < width; ++x)
-            memset(base + y * CVPixelBufferGetBytesPerRow(pixels) + x * 4, picture(x, y), 4);
+    paint(static_cast<uint8_t *>(CVPixelBufferGetBaseAddress(pixels)), CVPixelBufferGetBytesPerRow(pixels));
     CVPixelBufferUnlockBaseAddress(pixels, 0);
     CMVideoFormatDescriptionRef format = nullptr;
     CMVideoFormatDescriptionCreateForImageBuffer(kCFAllocatorDefault, pixels, &format);
@@ -65,9 +62,10 @@ CMSampleBufferRef buffer(double seconds, const Picture &picture)
     return sample;
 }
 
+// One grey level all over.
 CMSampleBufferRef buffer(double seconds, uint8_t grey)
 {
-    return buffer(seconds, [grey](size_t, size_t) { return grey; });
+    return buffer(seconds, [grey](uint8_t *pixels, size_t bytesPerRow) { memset(pixels, grey, bytesPerRow * 480); });
 }
 
 // A camera's view of a moving scene: a gradient with a texture, both drifting frame by frame.
@@ -174,7 +172,14 @@ TEST_F(AssetWriterTest, TheMovieShowsItsFirstPictureAndSpendsTheBitRateAsked)
         id input = nil;
         Strong<> writer = started(c.name, &input, 640, 480, c.fileType);
         for (int i = 0; i < 30; ++i) {
-            CMSampleBufferRef sample = buffer(0.1 * i, [i](size_t x, size_t y) { return scene(i, x, y); });
+            CMSampleBufferRef sample = buffer(0.1 * i, [i](uint8_t *pixels, size_t bytesPerRow) {
+                for (size_t y = 0; y < 480; ++y)
+                    for (size_t x = 0; x < 640; ++x) {
+                        uint8_t *bgra = pixels + y * bytesPerRow + x * 4;
+                        bgra[0] = bgra[1] = bgra[2] = scene(i, x, y);
+                        bgra[3] = 255;
+                    }
+            });
             CFRunLoopRunUntil_np(5, ^bool { return send<BOOL>(input, sel<"isReadyForMoreMediaData">()); });
             EXPECT_TRUE(send<BOOL>(input, sel<"appendSampleBuffer:">(), sample)) << i;
             CFRelease(sample);
@@ -251,13 +256,21 @@ TEST_F(AssetWriterTest, AFloodedInputIsNotReadyUntilItsEncoderCatchesUp)
 {
     id input = nil;
     Strong<> writer = started("flood.mp4", &input);
+    // Made beforehand, so that appending is all the loop does: stripes that move from frame to
+    // frame, which the encoder has to work at.
+    std::vector<CMSampleBufferRef> samples;
+    for (int i = 0; i < 40; ++i)
+        samples.push_back(buffer(0.1 * i, [i](uint8_t *pixels, size_t bytesPerRow) {
+            for (size_t y = 0; y < 480; ++y)
+                memset(pixels + y * bytesPerRow, int((y + size_t(i) * 7) * 37 & 0xff), bytesPerRow);
+        }));
     bool sawNotReady = false;
-    for (int i = 0; i < 40 && !sawNotReady; ++i) {
-        CMSampleBufferRef sample = buffer(0.1 * i, uint8_t(i * 6));
-        send<BOOL>(input, sel<"appendSampleBuffer:">(), sample);
-        CFRelease(sample);
+    for (size_t i = 0; i < samples.size() && !sawNotReady; ++i) {
+        send<BOOL>(input, sel<"appendSampleBuffer:">(), samples[i]);
         sawNotReady = !send<BOOL>(input, sel<"isReadyForMoreMediaData">());
     }
+    for (CMSampleBufferRef sample : samples)
+        CFRelease(sample);
     EXPECT_TRUE(sawNotReady) << "appending faster than the encoder runs fills its queue";
     EXPECT_TRUE(CFRunLoopRunUntil_np(10, ^bool { return send<BOOL>(input, sel<"isReadyForMoreMediaData">()); }))
         << "and the queue drains";
