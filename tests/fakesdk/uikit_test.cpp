@@ -452,6 +452,7 @@ void offMainThread(void (^work)(void))
         dispatch_semaphore_signal(done);
     });
     dispatch_semaphore_wait(done, DISPATCH_TIME_FOREVER);
+    dispatch_release(done);
 }
 
 // Xcode's Main Thread Checker told to stop on issues: a UI class's method sent from another
