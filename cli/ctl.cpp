@@ -118,13 +118,17 @@ std::string sourceLine(const json& s) {
 int runSource(const CtlOptions& o) {
   const auto& args = o.source;
   const std::string usage =
-      "use 'source pattern', 'source image FILE', 'source dir DIR' or 'source video FILE'";
+      "use 'source pattern', 'source image FILE', 'source dir DIR', 'source video FILE' or "
+      "'source camera [NAME]'";
   if (args.empty()) return usageError("ctl source", usage);
   const std::string& kind = args[0];
   json choice;
   if (kind == "pattern") {
     if (args.size() != 1) return usageError("ctl source", "pattern takes no path: " + usage);
     choice = "pattern";
+  } else if (kind == "camera") {
+    if (args.size() > 2) return usageError("ctl source", "camera takes one name at most: " + usage);
+    choice = args.size() == 2 ? json{{"camera", args[1]}} : json("camera");
   } else if (kind == "image" || kind == "dir" || kind == "video") {
     if (args.size() != 2) return usageError("ctl source", kind + " takes one path: " + usage);
     choice = {{kind, absolute(args[1])}};
@@ -246,8 +250,12 @@ Command addCtl(CLI::App& zerlan) {
     return control("image", portOf(*o), {{"source", {{"image", absolute(o->text)}}}}, sourceLine);
   });
 
-  auto* source = ctl->add_subcommand("source", "Switch the source: pattern, image FILE, dir DIR or video FILE.");
-  source->add_option("KIND_AND_PATH", o->source, "pattern | image FILE | dir DIR | video FILE")->required();
+  auto* source = ctl->add_subcommand(
+      "source",
+      "Switch the source: pattern, image FILE, dir DIR, video FILE, or camera [NAME] (the default "
+      "camera, or the one named; the server's --camera-input reads it).");
+  source->add_option("KIND_AND_PATH", o->source, "pattern | image FILE | dir DIR | video FILE | camera [NAME]")
+      ->required();
   runs.emplace_back(source, [o] { return runSource(*o); });
 
   auto* step = ctl->add_subcommand("step", "Advance N frames (default 1); the server runs with --step.");

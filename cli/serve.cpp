@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "cli/command.h"
+#include "server/camera.h"
 #include "server/image.h"
 #include "server/scenario.h"
 #include "server/server.h"
@@ -25,6 +26,9 @@ struct ServeOptions {
   std::string dir;
   std::string video;
   bool stdinStream = false;
+  std::string camera;  // a name, or empty for the default camera (with --camera given)
+  std::string cameraInput{platform::kCameraInput};
+  bool listCameras = false;
   std::string qr = "zerlan";
   double fps = 10;
   std::string size;
@@ -35,6 +39,7 @@ struct ServeOptions {
   std::string scenario;
   CLI::Option* fpsOption = nullptr;
   CLI::Option* sizeOption = nullptr;
+  CLI::Option* cameraOption = nullptr;
 };
 
 // An address to listen on is an IP address (or localhost); a name that resolves elsewhere, or
@@ -54,7 +59,24 @@ void raiseDescriptorLimit() {
   }
 }
 
+int listCameras(const std::string& input) {
+  auto cameras = server::listCameras(input);
+  if (!cameras) {
+    std::cerr << "zerlan serve: " << cameras.error().message << "\n";
+    return kExitRuntime;
+  }
+  if (cameras->empty()) {
+    std::cerr << "zerlan serve: no camera found: " << server::noCamera(input) << "\n";
+    return kExitRuntime;
+  }
+  for (const auto& c : *cameras) {
+    std::cout << c.name << (c.description.empty() ? "" : "\t" + c.description) << "\n";
+  }
+  return kExitOk;
+}
+
 int runServe(const ServeOptions& o) {
+  if (o.listCameras) return listCameras(o.cameraInput);
   if (!isListenAddress(o.host))
     return usageError("serve", "--host " + o.host +
                                    " is not an IP address: use 127.0.0.1 (the default), ::1, or 0.0.0.0 "
@@ -64,6 +86,7 @@ int runServe(const ServeOptions& o) {
   settings.fps = o.fps;
   settings.quality = o.quality;
   settings.step = o.step;
+  settings.cameraInput = o.cameraInput;
   if (!o.size.empty()) {
     auto size = server::parseSize(o.size);
     if (!size) return usageError("serve", "--size: " + size.error().message);
@@ -75,6 +98,7 @@ int runServe(const ServeOptions& o) {
   if (!o.dir.empty()) choice = server::SourceChoice::dir(o.dir);
   if (!o.video.empty()) choice = server::SourceChoice::video(o.video);
   if (o.stdinStream) choice = server::SourceChoice::stream(0);
+  if (o.cameraOption->count() > 0) choice = server::SourceChoice::camera(o.camera);
 
   auto log = server::stderrLogger("zerlan serve: ");
   if (o.fpsOption->count() > 0 && choice.kind != server::SourceChoice::Kind::Pattern &&
@@ -179,10 +203,31 @@ Command addServe(CLI::App& zerlan) {
                                "Serve an MJPEG stream (concatenated JPEGs) read from standard "
                                "input, each frame replacing the last, for example: ffmpeg -i "
                                "input.mp4 -f mjpeg - | zerlan serve --stdin");
-  image->excludes(dir)->excludes(video)->excludes(stream);
-  dir->excludes(image)->excludes(video)->excludes(stream);
-  video->excludes(image)->excludes(dir)->excludes(stream);
-  stream->excludes(image)->excludes(dir)->excludes(video);
+  o->cameraOption =
+      cmd->add_option("--camera", o->camera,
+                      "Serve a camera of this machine, its frames cropped and scaled to --size "
+                      "(640x480 by default): the default camera, or the one NAME names (see "
+                      "--list-cameras). On macOS the first use asks whether the terminal may use "
+                      "the camera.")
+          ->expected(0, 1)
+          ->type_name("[NAME]");
+  cmd->add_option("--camera-input", o->cameraInput,
+                  "The libavdevice input that reads --camera: avfoundation (macOS), v4l2 "
+                  "(Linux), or lavfi, whose camera is a generated video: NAME is a chain of "
+                  "FFmpeg filters, " +
+                      std::string(server::kLavfiDefaultGraph) +
+                      " unless given, played in real time (for demos and tests without a camera).")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"avfoundation", "v4l2", "lavfi"}));
+  cmd->add_flag("--list-cameras", o->listCameras,
+                "List the cameras --camera can name (one a line: the name, a tab and what the "
+                "system calls it) and exit.");
+  const std::vector<CLI::Option*> sources = {image, dir, video, stream, o->cameraOption};
+  for (auto* a : sources) {
+    for (auto* b : sources) {
+      if (a != b) a->excludes(b);
+    }
+  }
 
   cmd->add_option("--qr", o->qr, "Text of the QR code on the test pattern.")->capture_default_str();
   o->fpsOption =
@@ -218,7 +263,8 @@ Command addServe(CLI::App& zerlan) {
       "Pages: GET /frame (the JPEG), GET / (live view and counters), GET /status (JSON), "
       "POST /control with JSON: {\"qr\": \"TEXT\"}, {\"source\": \"pattern\"}, "
       "{\"source\": {\"image\": PATH}}, {\"source\": {\"dir\": PATH}}, "
-      "{\"source\": {\"video\": PATH}}, {\"fps\": N}, {\"step\": N} (--step), "
+      "{\"source\": {\"video\": PATH}}, {\"source\": \"camera\"}, {\"source\": {\"camera\": NAME}}, "
+      "{\"fps\": N}, {\"step\": N} (--step), "
       "{\"fault\": KIND, \"seconds\": S} or {\"fault\": KIND, \"requests\": N} (KIND: refuse, "
       "stall, slow, garbage, truncate, http-error; \"none\" clears); relative paths start from the "
       "folder zerlan serve was started in.\n\n"
@@ -227,6 +273,8 @@ Command addServe(CLI::App& zerlan) {
       "  zerlan serve --qr 'https://example.com'\n"
       "  zerlan serve --image photo.png --size 640x480\n"
       "  zerlan serve --video clip.mp4\n"
+      "  zerlan serve --camera                 the default camera of this machine\n"
+      "  zerlan serve --camera-input lavfi --camera 'smptebars=size=640x480'\n"
       "  curl -H 'Content-Type: application/json' -d '{\"qr\": \"next\"}' "
       "http://127.0.0.1:47654/control\n\n"
       "The server answers only requests addressed to it (Host 127.0.0.1, localhost, [::1] or "

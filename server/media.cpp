@@ -1,11 +1,15 @@
 #include "server/media.h"
 
 #include <cmath>
+#include <cstdarg>
+#include <cstdio>
 #include <mutex>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavdevice/avdevice.h>
 #include <libavformat/avformat.h>
+#include <libavutil/frame.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/log.h>
 #include <libswscale/swscale.h>
@@ -15,17 +19,34 @@ namespace zerlan::server {
 
 namespace {
 
-std::string averror(int code) {
-  char buf[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(code, buf, sizeof buf);
-  return buf;
+// Where FFmpeg's log lines of this thread go; none: nowhere. FFmpeg writes its own diagnostics
+// to stderr, and the server reports failures itself, in one line that names the file.
+thread_local const std::function<void(int, const std::string&)>* tLogSink = nullptr;
+thread_local std::string tLogPending;
+
+void logToSink(void*, int level, const char* format, va_list args) {
+  if (!tLogSink) return;
+  char text[1024];
+  va_list copy;
+  va_copy(copy, args);
+  std::vsnprintf(text, sizeof text, format, copy);
+  va_end(copy);
+  tLogPending += text;
+  // A line may come in pieces: hand over complete ones.
+  for (size_t end; (end = tLogPending.find('\n')) != std::string::npos;) {
+    std::string line = tLogPending.substr(0, end);
+    tLogPending.erase(0, end + 1);
+    if (!line.empty()) (*tLogSink)(level, line);
+  }
 }
 
-void quietLibav() {
-  // FFmpeg writes its own diagnostics to stderr; the server reports failures itself, in one
-  // line that names the file.
+void setUpLibav() {
   static std::once_flag once;
-  std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
+  std::call_once(once, [] {
+    av_log_set_callback(logToSink);
+    av_log_set_level(AV_LOG_INFO);
+    avdevice_register_all();
+  });
 }
 
 // What a camera feed can be made of. Anything else is refused before FFmpeg reads it: among its
@@ -37,6 +58,8 @@ constexpr const char* kFormats =
 constexpr const char* kDecoders =
     "h264,hevc,mpeg4,mpeg1video,mpeg2video,h263,flv,vp8,vp9,libvpx,libvpx-vp9,av1,libdav1d,libaom-av1,"
     "prores,theora,msmpeg4,wmv3,rawvideo,mjpeg,png,apng,bmp,gif,webp,tiff,ppm,pgm,pbm,pam";
+// What cameras send: raw pictures, MJPEG, H.264 from some USB cameras, and lavfi's frames.
+constexpr const char* kDeviceDecoders = "rawvideo,mjpeg,h264,hevc,wrapped_avframe";
 
 AVDictionary* openOptions() {
   AVDictionary* options = nullptr;
@@ -46,7 +69,38 @@ AVDictionary* openOptions() {
   return options;
 }
 
+// Trims `frame` to the proportions of `size`, evenly on both sides.
+void cropToShape(AVFrame* frame, Size size) {
+  const int64_t w = frame->width, h = frame->height;
+  if (w * size.height > h * size.width) {
+    int64_t keep = h * size.width / size.height;
+    frame->crop_left = static_cast<size_t>((w - keep) / 2) & ~size_t{1};
+    frame->crop_right = static_cast<size_t>(w - keep) - frame->crop_left;
+  } else if (w * size.height < h * size.width) {
+    int64_t keep = w * size.height / size.width;
+    frame->crop_top = static_cast<size_t>((h - keep) / 2) & ~size_t{1};
+    frame->crop_bottom = static_cast<size_t>(h - keep) - frame->crop_top;
+  }
+  av_frame_apply_cropping(frame, AV_FRAME_CROP_UNALIGNED);
+}
+
 }  // namespace
+
+std::string averror(int code) {
+  char buf[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(code, buf, sizeof buf);
+  return buf;
+}
+
+void withLibavLog(const std::function<void(int level, const std::string& line)>& line,
+                  const std::function<void()>& work) {
+  setUpLibav();
+  const auto* outer = tLogSink;
+  tLogSink = &line;
+  work();
+  tLogSink = outer;
+  tLogPending.clear();
+}
 
 struct MediaReader::State {
   std::string path;
@@ -57,6 +111,8 @@ struct MediaReader::State {
   SwsContext* sws = nullptr;
   int stream = -1;
   bool flushed = false;  // the decoder was sent its end-of-stream packet
+  bool fill = false;     // crop to the shape asked for instead of stretching
+  bool waiting = false;  // the device had no frame ready
 
   ~State() {
     sws_freeContext(sws);
@@ -68,7 +124,7 @@ struct MediaReader::State {
 };
 
 Result<std::unique_ptr<MediaReader>> MediaReader::open(const std::string& path) {
-  quietLibav();
+  setUpLibav();
   std::unique_ptr<MediaReader> reader(new MediaReader);
   reader->s_ = std::make_unique<State>();
   State& s = *reader->s_;
@@ -85,24 +141,64 @@ Result<std::unique_ptr<MediaReader>> MediaReader::open(const std::string& path) 
   if (int rc = avformat_find_stream_info(s.format, nullptr); rc < 0) {
     return fail("cannot read " + path + ": " + averror(rc));
   }
+  if (auto decoder = reader->openDecoder(kDecoders); !decoder) return decoder.error();
+  return reader;
+}
+
+Result<std::unique_ptr<MediaReader>> MediaReader::open(const DeviceInput& device) {
+  setUpLibav();
+  const AVInputFormat* input = av_find_input_format(device.format.c_str());
+  if (!input) {
+    return fail("this FFmpeg has no \"" + device.format +
+                "\" input: its libavdevice was built without it");
+  }
+  std::unique_ptr<MediaReader> reader(new MediaReader);
+  reader->s_ = std::make_unique<State>();
+  State& s = *reader->s_;
+  s.path = device.label;
+  s.fill = true;
+  s.format = avformat_alloc_context();
+  if (!s.format) return fail("out of memory opening " + device.label);
+  // Reads must not block: a camera that stops sending would otherwise hold its thread, and the
+  // server's stop, for good.
+  s.format->flags |= AVFMT_FLAG_NONBLOCK;
+  AVDictionary* options = nullptr;
+  for (const auto& [key, value] : device.options) av_dict_set(&options, key.c_str(), value.c_str(), 0);
+  int opened = 0;
+  std::string said;  // the input's own account of a failure
+  withLibavLog(
+      [&](int level, const std::string& line) {
+        if (level <= AV_LOG_ERROR) said = line;
+      },
+      [&] { opened = avformat_open_input(&s.format, device.url.c_str(), input, &options); });
+  av_dict_free(&options);
+  if (opened < 0) {
+    return fail("cannot open " + device.label + ": " + averror(opened) +
+                (said.empty() || said == averror(opened) ? "" : " (" + said + ")"));
+  }
+  // Devices describe their stream when they open; probing further would read frames to no end.
+  if (auto decoder = reader->openDecoder(kDeviceDecoders); !decoder) return decoder.error();
+  return reader;
+}
+
+Result<void> MediaReader::openDecoder(const char* decoders) {
+  State& s = *s_;
   const AVCodec* decoder = nullptr;
   s.stream = av_find_best_stream(s.format, AVMEDIA_TYPE_VIDEO, -1, -1, &decoder, 0);
   if (s.stream < 0 || !decoder) {
-    return fail(path + " has no picture or video that FFmpeg can decode");
+    return fail(s.path + " has no picture or video that FFmpeg can decode");
   }
   s.codec = avcodec_alloc_context3(decoder);
   s.packet = av_packet_alloc();
   s.frame = av_frame_alloc();
-  if (!s.codec || !s.packet || !s.frame) return fail("out of memory opening " + path);
+  if (!s.codec || !s.packet || !s.frame) return fail("out of memory opening " + s.path);
   avcodec_parameters_to_context(s.codec, s.format->streams[s.stream]->codecpar);
   AVDictionary* codecOptions = nullptr;
-  av_dict_set(&codecOptions, "codec_whitelist", kDecoders, 0);
-  int rcOpen = avcodec_open2(s.codec, decoder, &codecOptions);
+  av_dict_set(&codecOptions, "codec_whitelist", decoders, 0);
+  int rc = avcodec_open2(s.codec, decoder, &codecOptions);
   av_dict_free(&codecOptions);
-  if (int rc = rcOpen; rc < 0) {
-    return fail("cannot decode " + path + " (" + decoder->name + "): " + averror(rc));
-  }
-  return reader;
+  if (rc < 0) return fail("cannot decode " + s.path + " (" + decoder->name + "): " + averror(rc));
+  return {};
 }
 
 MediaReader::~MediaReader() = default;
@@ -124,6 +220,7 @@ Result<std::optional<MediaFrame>> MediaReader::receive(std::optional<Size> size,
   if (rc < 0) return fail("cannot decode " + s.path + ": " + averror(rc));
   got = true;
 
+  if (s.fill && size) cropToShape(s.frame, *size);
   const int w = s.frame->width;
   const int h = s.frame->height;
   Size out = size.value_or(Size{w, h});
@@ -148,8 +245,11 @@ Result<std::optional<MediaFrame>> MediaReader::receive(std::optional<Size> size,
   return std::optional<MediaFrame>(std::move(result));
 }
 
+bool MediaReader::waiting() const { return s_->waiting; }
+
 Result<std::optional<MediaFrame>> MediaReader::next(std::optional<Size> size) {
   State& s = *s_;
+  s.waiting = false;
   bool got = false;
   for (;;) {
     auto frame = receive(size, got);
@@ -157,6 +257,10 @@ Result<std::optional<MediaFrame>> MediaReader::next(std::optional<Size> size) {
     if (s.flushed) return std::optional<MediaFrame>();
 
     int rc = av_read_frame(s.format, s.packet);
+    if (rc == AVERROR(EAGAIN)) {
+      s.waiting = true;
+      return std::optional<MediaFrame>();
+    }
     if (rc == AVERROR_EOF) {
       avcodec_send_packet(s.codec, nullptr);
       s.flushed = true;

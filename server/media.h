@@ -1,10 +1,13 @@
-// Pictures and video read with FFmpeg's libraries: libavformat opens the file, libavcodec
-// decodes, libswscale converts to RGB at the size asked for.
+// Pictures, video and cameras read with FFmpeg's libraries: libavformat opens the file (or
+// libavdevice the camera), libavcodec decodes, libswscale converts to RGB at the size asked for.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "server/image.h"
 #include "server/result.h"
@@ -16,17 +19,31 @@ struct MediaFrame {
   double seconds = 0;  // presentation time; NaN when the file gives none
 };
 
+// A live input of libavdevice: a camera, or a generated stand-in for one.
+struct DeviceInput {
+  std::string format;  // the input: "avfoundation", "v4l2", "lavfi"
+  std::string url;     // what the input opens: a device name or path, a filter graph
+  std::vector<std::pair<std::string, std::string>> options;  // the input's own options
+  std::string label;   // names the device in messages: "camera /dev/video0"
+};
+
 class MediaReader {
  public:
   // Opens the best video stream of `path` (a still image counts as a one-frame video).
   static Result<std::unique_ptr<MediaReader>> open(const std::string& path);
+  // Opens a device without blocking reads: next() then gives nothing, with waiting() true, while
+  // the device has no new frame. Frames keep their proportions: they are cropped to the shape of
+  // the size asked for, not stretched.
+  static Result<std::unique_ptr<MediaReader>> open(const DeviceInput& device);
   ~MediaReader();
   MediaReader(const MediaReader&) = delete;
   MediaReader& operator=(const MediaReader&) = delete;
 
   // The next frame scaled to `size` (its own size when none is given), or nothing at the end
-  // of the stream.
+  // of the stream (or, from a device, when no frame is ready yet: see waiting()).
   Result<std::optional<MediaFrame>> next(std::optional<Size> size);
+  // Whether the last next() gave nothing because the device had no frame ready.
+  bool waiting() const;
 
   // Goes back to the first frame.
   Result<void> rewind();
@@ -37,6 +54,7 @@ class MediaReader {
 
  private:
   MediaReader() = default;
+  Result<void> openDecoder(const char* decoders);
   Result<std::optional<MediaFrame>> receive(std::optional<Size> size, bool& got);
 
   struct State;
@@ -45,5 +63,14 @@ class MediaReader {
 
 // The first frame of the picture or video in `path`.
 Result<RgbImage> readPicture(const std::string& path, std::optional<Size> size);
+
+// Runs `work` with FFmpeg's log lines of this thread handed to `line` (level and text, without
+// the newline); FFmpeg's messages otherwise go nowhere. Some inputs say things only there:
+// AVFoundation lists its devices, and names the option it refused, in its log.
+void withLibavLog(const std::function<void(int level, const std::string& line)>& line,
+                  const std::function<void()>& work);
+
+// FFmpeg's text for an error code.
+std::string averror(int code);
 
 }  // namespace zerlan::server

@@ -18,6 +18,16 @@ namespace zerlan::platform {
 // "Linux" or "macOS", for messages that say where a command runs.
 extern const std::string_view kSystemName;
 
+// The libavdevice input that reads the host's cameras: "avfoundation" on macOS, "v4l2" on Linux.
+extern const std::string_view kCameraInput;
+
+// Whether the system lets this process use a camera. macOS asks the person the first time (its
+// prompt names the terminal the command runs in) and this waits up to a minute for the answer
+// (Undecided when none came); on Linux there is no such permission (the device file's mode
+// decides, and opening the device says so), so it is Granted.
+enum class CameraAccess { Granted, Denied, Restricted, Undecided };
+CameraAccess cameraAccess();
+
 // The running program's own file, symlinks resolved; empty when the system cannot tell.
 std::filesystem::path executablePath();
 

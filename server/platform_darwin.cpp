@@ -1,17 +1,27 @@
 #include <fcntl.h>
 #include <mach-o/dyld.h>
+#include <objc/message.h>
+#include <objc/runtime.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "server/platform.h"
 
+// AVFoundation's media type of video (AVMediaFormat.h).
+extern "C" id const AVMediaTypeVideo;
+
 namespace zerlan::platform {
 
 const std::string_view kSystemName = "macOS";
+const std::string_view kCameraInput = "avfoundation";
 // Darwin has no per-call flag that all its versions honour: SO_NOSIGPIPE is set on every
 // socket made here instead.
 const int kSendNoSignal = 0;
@@ -63,6 +73,49 @@ int acceptConnection(int listenFd) {
     return closeKeepingErrno(fd);
   }
   return fd;
+}
+
+CameraAccess cameraAccess() {
+  // AVAuthorizationStatus (AVCaptureDevice.h): NotDetermined 0, Restricted 1, Denied 2,
+  // Authorized 3.
+  Class device = objc_getClass("AVCaptureDevice");
+  if (!device) return CameraAccess::Granted;  // AVFoundation is not loaded: FFmpeg will say so
+  using StatusFn = long (*)(Class, SEL, id);
+  auto status = [&] {
+    return reinterpret_cast<StatusFn>(objc_msgSend)(
+        device, sel_registerName("authorizationStatusForMediaType:"), AVMediaTypeVideo);
+  };
+  long now = status();
+  if (now == 0) {
+    // The first use: macOS shows its prompt and answers on a queue of its own.
+    struct Answer {
+      std::mutex mu;
+      std::condition_variable cv;
+      bool given = false;
+    };
+    auto answer = std::make_shared<Answer>();
+    using RequestFn = void (*)(Class, SEL, id, void (^)(BOOL));
+    reinterpret_cast<RequestFn>(objc_msgSend)(
+        device, sel_registerName("requestAccessForMediaType:completionHandler:"), AVMediaTypeVideo,
+        ^(BOOL) {
+          std::lock_guard lock(answer->mu);
+          answer->given = true;
+          answer->cv.notify_all();
+        });
+    std::unique_lock lock(answer->mu);
+    answer->cv.wait_for(lock, std::chrono::minutes(1), [&] { return answer->given; });
+    now = status();
+  }
+  switch (now) {
+    case 3:
+      return CameraAccess::Granted;
+    case 2:
+      return CameraAccess::Denied;
+    case 1:
+      return CameraAccess::Restricted;
+    default:
+      return CameraAccess::Undecided;
+  }
 }
 
 bool openPipe(int fds[2]) {

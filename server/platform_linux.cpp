@@ -7,6 +7,7 @@
 namespace zerlan::platform {
 
 const std::string_view kSystemName = "Linux";
+const std::string_view kCameraInput = "v4l2";
 const int kSendNoSignal = MSG_NOSIGNAL;
 
 std::filesystem::path executablePath() {
@@ -22,6 +23,8 @@ int openSocket(int family, int type, int protocol) {
 int acceptConnection(int listenFd) {
   return ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
 }
+
+CameraAccess cameraAccess() { return CameraAccess::Granted; }
 
 bool openPipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC) == 0; }
 

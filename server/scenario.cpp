@@ -102,12 +102,17 @@ Result<ScenarioStep> parseStep(const nlohmann::json& item, const fs::path& folde
       control["source"] = {{key, path.string()}};
       what.push_back(key + " " + value.get<std::string>());
       ++sources;
+    } else if (key == "camera") {
+      if (!value.is_string()) return fail("\"camera\" must be a camera's name (\"\": the default one)");
+      control["source"] = {{"camera", value}};
+      what.push_back(value.get<std::string>().empty() ? "the camera" : "camera " + value.get<std::string>());
+      ++sources;
     } else if (key == "source") {
-      if (value != "pattern")
-        return fail("\"source\" in a scenario is \"pattern\"; use \"image\", \"dir\" or "
-                    "\"video\" for files");
-      control["source"] = "pattern";
-      what.push_back("the test pattern");
+      if (value != "pattern" && value != "camera")
+        return fail("\"source\" in a scenario is \"pattern\" or \"camera\"; use \"image\", "
+                    "\"dir\" or \"video\" for files");
+      control["source"] = value;
+      what.push_back(value == "pattern" ? "the test pattern" : "the camera");
       ++sources;
     } else if (key == "fps") {
       if (!value.is_number() || !(value.get<double>() >= kMinFps && value.get<double>() <= kMaxFps))
@@ -124,7 +129,7 @@ Result<ScenarioStep> parseStep(const nlohmann::json& item, const fs::path& folde
     } else {
       return fail("unknown key \"" + key +
                   "\": a step has \"at\" or \"after_fetches\", and \"qr\", \"image\", \"dir\", "
-                  "\"video\", \"source\", \"fps\", \"step\" or \"fault\"");
+                  "\"video\", \"camera\", \"source\", \"fps\", \"step\" or \"fault\"");
     }
   }
   if (step.at && step.afterFetches) return fail("give a step \"at\" or \"after_fetches\", not both");

@@ -9,8 +9,9 @@
 // Steps play in file order. "at" is seconds since the scenario started (a time already past
 // fires at once); "after_fetches" counts frames served since the step before it fired. The
 // rest of a step is what it does: "qr", "image", "dir", "video" (paths relative to the file's
-// folder), "source": "pattern", "fps", "step" (step mode), or "fault" with "seconds" or
-// "requests", as POST /control takes them.
+// folder), "camera" (a camera's name, "" for the default one), "source": "pattern" or "camera",
+// "fps", "step" (step mode), or "fault" with "seconds" or "requests", as POST /control takes
+// them.
 #pragma once
 
 #include <chrono>

@@ -184,12 +184,14 @@ nlohmann::json Server::Impl::status() const {
 namespace {
 
 constexpr const char* kSourceHelp =
-    "use \"pattern\", {\"image\": PATH}, {\"dir\": PATH} or {\"video\": PATH}";
+    "use \"pattern\", \"camera\", {\"image\": PATH}, {\"dir\": PATH}, {\"video\": PATH} or "
+    "{\"camera\": NAME}";
 
 Result<SourceChoice> parseSourceChoice(const nlohmann::json& value) {
   if (value.is_string()) {
     auto name = value.get<std::string>();
     if (name == "pattern") return SourceChoice::pattern();
+    if (name == "camera") return SourceChoice::camera({});
     if (name == "stdin") {
       return fail(
           "standard input can only be chosen when the server starts (zerlan serve --stdin)");
@@ -201,6 +203,10 @@ Result<SourceChoice> parseSourceChoice(const nlohmann::json& value) {
   const std::string key = value.begin().key();
   const nlohmann::json& path = value.begin().value();
   if (key == "pattern") return SourceChoice::pattern();
+  if (key == "camera") {
+    if (!path.is_string()) return fail("\"camera\" must be a camera's name as a string (\"\": the default one)");
+    return SourceChoice::camera(path.get<std::string>());
+  }
   if (key != "image" && key != "dir" && key != "video") {
     return fail("unknown source \"" + key + "\": " + kSourceHelp);
   }

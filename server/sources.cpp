@@ -16,6 +16,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "server/camera.h"
 #include "server/media.h"
 #include "server/mjpeg.h"
 #include "server/pattern.h"
@@ -414,6 +415,93 @@ class VideoSource final : public Source {
   std::string description_;
 };
 
+class CameraSource final : public Source {
+ public:
+  CameraSource(std::string input, std::string name, Size size, OpenedCamera camera)
+      : input_(std::move(input)),
+        name_(std::move(name)),
+        size_(size),
+        reader_(std::move(camera.reader)),
+        first_(std::move(camera.first)),
+        description_(std::move(camera.description)) {}
+
+  SourceChoice::Kind kind() const override { return SourceChoice::Kind::Camera; }
+  std::string description() const override { return description_; }
+
+  // Reads the camera the whole time, so what a step shows is what the camera sees at that step;
+  // in step mode the frame of the last step stays in between, as any source's does.
+  void run(const StopSignal& stop, SourceContext& ctx) override {
+    JpegEncoder encoder;
+    MediaFrame latest = std::move(first_);
+    std::unique_ptr<MediaReader> reader = std::move(reader_);
+    const FrameSettings initial = ctx.settings.snapshot();
+    uint64_t published = 0;         // live: frames published so far
+    bool fresh = true;              // live: `latest` is not published yet
+    std::optional<uint64_t> shown;  // step mode: the step on show
+    auto retryAt = SteadyClock::now();
+    auto publish = [&](uint64_t index, uint64_t version, int quality) {
+      if (auto jpeg = encoder.encode(latest.image, quality)) {
+        ctx.store.publish(*jpeg, latest.image.width, latest.image.height, version, index);
+      } else {
+        ctx.log(jpeg.error().message);
+      }
+    };
+    while (!stop.requested()) {
+      auto [settings, version] = ctx.settings.snapshotWithVersion();
+      if (initial.step) {
+        const uint64_t target = settings.steps - initial.steps;
+        if (!shown || *shown != target) {
+          publish(target, version, settings.quality);
+          shown = target;
+        }
+      } else if (fresh) {
+        publish(published++, version, settings.quality);
+        fresh = false;
+      }
+      // Live, only a stop ends a wait early; in step mode a step does too.
+      const uint64_t wakeOn = initial.step ? version : UINT64_MAX;
+      if (!reader && SteadyClock::now() >= retryAt) {
+        auto reopened = openCamera(input_, name_, size_, [&] { return stop.requested(); });
+        if (reopened) {
+          reader = std::move(reopened->reader);
+          latest = std::move(reopened->first);
+          fresh = true;
+          ctx.log(description_ + " sends pictures again");
+          continue;
+        }
+        retryAt = SteadyClock::now() + kRetryPeriod;
+      }
+      if (!reader) {
+        ctx.settings.sleepUntil(retryAt, stop, wakeOn);
+        continue;
+      }
+      auto frame = reader->next(size_);
+      if (frame && frame->has_value()) {
+        latest = std::move(frame->value());
+        fresh = true;
+      } else if (frame && reader->waiting()) {
+        ctx.settings.sleepUntil(SteadyClock::now() + kCameraPollPeriod, stop, wakeOn);
+      } else {
+        ctx.log((frame ? description_ + " stopped sending pictures" : frame.error().message) +
+                "; its last picture stays, and it is opened again every " +
+                std::to_string(std::chrono::seconds(kRetryPeriod).count()) + " s");
+        reader.reset();
+        retryAt = SteadyClock::now() + kRetryPeriod;
+      }
+    }
+  }
+
+ private:
+  static constexpr auto kRetryPeriod = std::chrono::seconds(2);
+
+  std::string input_;
+  std::string name_;
+  Size size_;
+  std::unique_ptr<MediaReader> reader_;
+  MediaFrame first_;
+  std::string description_;
+};
+
 class StreamSource final : public Source {
  public:
   explicit StreamSource(int fd) : fd_(fd) {}
@@ -600,6 +688,15 @@ Result<std::unique_ptr<Source>> openVideo(const std::string& path, const FrameSe
       new VideoSource(path, std::move(reader.value()), std::move(first->value()), settings.size));
 }
 
+Result<std::unique_ptr<Source>> openCameraSource(const std::string& name,
+                                                 const FrameSettings& settings) {
+  const Size size = settings.size.value_or(kPatternSize);
+  auto camera = openCamera(settings.cameraInput, name, size);
+  if (!camera) return camera.error();
+  return std::unique_ptr<Source>(
+      new CameraSource(settings.cameraInput, name, size, std::move(camera.value())));
+}
+
 Result<std::unique_ptr<Source>> openStream(int fd) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return fail("standard input is closed: pipe an MJPEG stream into it");
@@ -625,6 +722,8 @@ std::string_view kindName(SourceChoice::Kind kind) {
       return "video";
     case SourceChoice::Kind::Stdin:
       return "stdin";
+    case SourceChoice::Kind::Camera:
+      return "camera";
   }
   return "unknown";
 }
@@ -670,6 +769,8 @@ Result<std::unique_ptr<Source>> openSource(const SourceChoice& choice,
       return openVideo(choice.path, settings);
     case SourceChoice::Kind::Stdin:
       return openStream(choice.fd);
+    case SourceChoice::Kind::Camera:
+      return openCameraSource(choice.path, settings);
   }
   return fail("unknown source kind");
 }

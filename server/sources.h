@@ -15,6 +15,7 @@
 #include "server/frame_store.h"
 #include "server/image.h"
 #include "server/log.h"
+#include "server/platform.h"
 #include "server/result.h"
 #include "server/stop.h"
 
@@ -24,10 +25,13 @@ inline constexpr double kMinFps = 0.01;
 inline constexpr double kMaxFps = 120;
 
 struct FrameSettings {
-  std::optional<Size> size;  // generated frames; none: the pattern is 640x480, files keep theirs
+  // Generated frames; none: the pattern and cameras are 640x480, files keep theirs.
+  std::optional<Size> size;
   int quality = 85;          // JPEG quality of generated frames, 1..100
   double fps = 10;           // pattern and folder frame rate
   std::string qr = "zerlan";
+  // The libavdevice input that reads cameras: "avfoundation", "v4l2" or "lavfi".
+  std::string cameraInput{platform::kCameraInput};
   // Step mode: a source shows its frame until told to advance, and the pattern draws no clock.
   bool step = false;
   uint64_t steps = 0;  // steps asked for since the server started (step mode only)
@@ -69,9 +73,9 @@ class LiveSettings {
 };
 
 struct SourceChoice {
-  enum class Kind { Pattern, Image, Dir, Video, Stdin };
+  enum class Kind { Pattern, Image, Dir, Video, Stdin, Camera };
   Kind kind = Kind::Pattern;
-  std::string path;  // Image, Dir, Video
+  std::string path;  // Image, Dir, Video; Camera: its name (empty: the default camera)
   int fd = 0;        // Stdin: the stream to read (standard input unless a test says otherwise)
 
   static SourceChoice pattern() { return {}; }
@@ -79,6 +83,7 @@ struct SourceChoice {
   static SourceChoice dir(std::string p) { return {Kind::Dir, std::move(p), 0}; }
   static SourceChoice video(std::string p) { return {Kind::Video, std::move(p), 0}; }
   static SourceChoice stream(int fd) { return {Kind::Stdin, {}, fd}; }
+  static SourceChoice camera(std::string name) { return {Kind::Camera, std::move(name), 0}; }
 };
 
 std::string_view kindName(SourceChoice::Kind kind);
@@ -101,7 +106,8 @@ class Source {
 };
 
 // Opens and checks a source: the file exists and decodes, the folder has images, the pattern's
-// QR payload fits. Reads files but publishes nothing.
+// QR payload fits, the camera sends pictures. Reads files (and a camera's first frame) but
+// publishes nothing.
 Result<std::unique_ptr<Source>> openSource(const SourceChoice& choice,
                                            const FrameSettings& settings);
 
