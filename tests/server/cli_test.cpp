@@ -11,16 +11,6 @@
 namespace zerlan::test {
 namespace {
 
-template <class F>
-bool eventually(F condition, Clock::duration limit = 5s) {
-  auto deadline = in(limit);
-  while (Clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(10ms);
-  }
-  return condition();
-}
-
 TEST(Cli, ServesCurlAndPythonThenStopsOnSignal) {
   TempDir dir;
   Child zerlan({"serve", "--port", "0", "--qr", "cli payload"});

@@ -22,16 +22,6 @@ namespace {
 using server::ServerOptions;
 using server::SourceChoice;
 
-template <class F>
-bool eventually(F condition, Clock::duration limit = 5s) {
-  auto deadline = in(limit);
-  while (Clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(5ms);
-  }
-  return condition();
-}
-
 std::string frameRequest(const std::string& headers) {
   return "GET /frame HTTP/1.1\r\n" + headers + "Connection: close\r\n\r\n";
 }

@@ -35,8 +35,6 @@ std::string line(const std::vector<std::string>& args) {
   return text;
 }
 
-json status(uint16_t port) { return json::parse(get(port, "/status").body, nullptr, false); }
-
 // A port nothing listens on: bound once, then let go.
 uint16_t closedPort() {
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -85,23 +83,23 @@ TEST(Ctl, GoodValuesApplyAndRefusedOnesExit3WithTheServersReason) {
       {{"qr", "HELLO"}, 0, "qr \"HELLO\" on the test pattern",
        [&] { EXPECT_EQ(readQr(get(port, "/frame").body), "HELLO"); }},
       {{"qr", ""}, 3, "the server refused it (HTTP 400): cannot use this QR payload",
-       [&] { EXPECT_EQ(status(port)["qr"], "HELLO"); }},
+       [&] { EXPECT_EQ(statusOf(port)["qr"], "HELLO"); }},
       {{"step"}, 3, "(HTTP 409): the server is not in step mode", nullptr},
       {{"image", dir.file("missing.jpg")}, 3, "missing.jpg does not exist",
-       [&] { EXPECT_EQ(status(port)["source_kind"], "pattern"); }},
+       [&] { EXPECT_EQ(statusOf(port)["source_kind"], "pattern"); }},
       {{"image", photo}, 0, "serving image " + photo,
        [&] { EXPECT_EQ(get(port, "/frame").body, readFile(photo)); }},
       {{"qr", "B"}, 3, "(HTTP 409): the QR payload is drawn on the test pattern only", nullptr},
       {{"source", "dir", dir.file("shots")}, 0, "serving folder " + dir.file("shots"),
-       [&] { EXPECT_EQ(status(port)["source_kind"], "dir"); }},
+       [&] { EXPECT_EQ(statusOf(port)["source_kind"], "dir"); }},
       {{"source", "pattern"}, 0, "serving test pattern",
-       [&] { EXPECT_EQ(status(port)["source_kind"], "pattern"); }},
+       [&] { EXPECT_EQ(statusOf(port)["source_kind"], "pattern"); }},
       {{"source", "video"}, 2, "video takes one path", nullptr},
       {{"source", "webcam"}, 2, "unknown source \"webcam\"", nullptr},
       {{"fault", "stall", "--seconds", "30"}, 0, "fault stall on GET /frame, ",
-       [&] { EXPECT_EQ(status(port)["fault"]["kind"], "stall"); }},
+       [&] { EXPECT_EQ(statusOf(port)["fault"]["kind"], "stall"); }},
       {{"fault", "none"}, 0, "no fault: GET /frame serves frames",
-       [&] { EXPECT_TRUE(status(port)["fault"].is_null()); }},
+       [&] { EXPECT_TRUE(statusOf(port)["fault"].is_null()); }},
       {{"fault", "http-error", "--requests", "2"}, 0, "2 requests left",
        [&] {
          EXPECT_EQ(get(port, "/frame").status, 503);

@@ -20,8 +20,6 @@ Reply head(uint16_t port, const std::string& path) {
                    "HEAD " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
 }
 
-json status(uint16_t port) { return json::parse(get(port, "/status").body, nullptr, false); }
-
 json control(uint16_t port, const json& body, int expect = 200) {
   Reply r = post(port, "/control", body.dump());
   EXPECT_EQ(r.status, expect) << body << " -> " << r.body;
@@ -41,16 +39,6 @@ server::FrameSettings stepMode() {
   server::FrameSettings settings;
   settings.step = true;
   return settings;
-}
-
-template <class F>
-bool eventually(F condition, Clock::duration limit = 10s) {
-  auto deadline = in(limit);
-  while (!condition()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
 }
 
 TEST(Faults, EachKindAsTheLibrarysFetchSeesItAndTheFrameAfterIt) {
@@ -100,7 +88,7 @@ TEST(Faults, EachKindAsTheLibrarysFetchSeesItAndTheFrameAfterIt) {
     EXPECT_EQ(libraryFetch(s.port()), frame) << "the fault was for one request";
     EXPECT_TRUE(s.log->contains(std::string("fault on GET /frame: ") + c.kind + " for 1 request"));
   }
-  json after = status(s.port());
+  json after = statusOf(s.port());
   EXPECT_TRUE(after["fault"].is_null());
   for (const Case& c : cases) EXPECT_EQ(after["faults"][c.kind], 1) << c.kind;
   EXPECT_EQ(after["errors"], 0) << "a fault asked for is not a client's error";
@@ -128,7 +116,7 @@ TEST(Faults, LastUntilClearedOrTheirTimeAndLeaveTheOtherPagesAlone) {
   ASSERT_TRUE(eventually([&] { return (got = libraryFetch(s.port())).has_value(); }));
   EXPECT_GE(Clock::now() - set, 300ms) << "no frame before the fault's time is up";
   EXPECT_EQ(got, frame);
-  EXPECT_TRUE(status(s.port())["fault"].is_null());
+  EXPECT_TRUE(statusOf(s.port())["fault"].is_null());
   EXPECT_TRUE(s.log->contains("fault refuse ended after its time"));
 
   // Refused whole: nothing changes.
@@ -141,7 +129,7 @@ TEST(Faults, LastUntilClearedOrTheirTimeAndLeaveTheOtherPagesAlone) {
     json answer = control(s.port(), bad, 400);
     EXPECT_TRUE(answer["error"].is_string()) << bad;
   }
-  EXPECT_TRUE(status(s.port())["fault"].is_null());
+  EXPECT_TRUE(statusOf(s.port())["fault"].is_null());
   EXPECT_EQ(libraryFetch(s.port()), frame);
 }
 
@@ -153,8 +141,8 @@ TEST(StepMode, TheSameBytesWithinAStepOnEveryRunAndNewOnesAfter) {
   std::this_thread::sleep_for(1100ms);  // a clock on the frame would have moved on by now
   EXPECT_EQ(get(first.port(), "/frame").body, step0);
   EXPECT_EQ(get(second.port(), "/frame").body, step0) << "another server, the same step";
-  EXPECT_EQ(status(first.port())["frame_index"], 0);
-  EXPECT_EQ(status(first.port())["mode"], "step");
+  EXPECT_EQ(statusOf(first.port())["frame_index"], 0);
+  EXPECT_EQ(statusOf(first.port())["mode"], "step");
 
   json stepped = control(first.port(), {{"step", 3}});
   EXPECT_EQ(stepped["frame_index"], 3);
@@ -170,7 +158,7 @@ TEST(StepMode, TheSameBytesWithinAStepOnEveryRunAndNewOnesAfter) {
   control(first.port(), {{"qr", "B"}});
   const std::string withB = get(first.port(), "/frame").body;
   EXPECT_EQ(readQr(withB), "B");
-  EXPECT_EQ(status(first.port())["frame_index"], 3);
+  EXPECT_EQ(statusOf(first.port())["frame_index"], 3);
 
   for (const json& bad : {json{{"step", 0}}, json{{"step", -1}}, json{{"step", 1.5}},
                           json{{"step", "1"}}, json{{"step", 1}, {"qr", "x"}}}) {
@@ -182,7 +170,7 @@ TEST(StepMode, TheSameBytesWithinAStepOnEveryRunAndNewOnesAfter) {
   ASSERT_TRUE(live.server);
   json refused = control(live.port(), {{"step", 1}}, 409);
   EXPECT_NE(refused["error"].get<std::string>().find("zerlan serve --step"), std::string::npos);
-  EXPECT_EQ(status(live.port())["mode"], "live");
+  EXPECT_EQ(statusOf(live.port())["mode"], "live");
 }
 
 TEST(StepMode, EverySourceStepsThroughItsFramesInOrder) {
@@ -212,7 +200,7 @@ TEST(StepMode, EverySourceStepsThroughItsFramesInOrder) {
       Reply frame = get(s.port(), "/frame");
       EXPECT_EQ(nearest(centreColour(frame.body), palette), c.colours[i]) << "frame " << i;
       EXPECT_EQ(get(s.port(), "/frame").body, frame.body) << "frame " << i << " holds";
-      EXPECT_EQ(status(s.port())["last_served_index"], i);
+      EXPECT_EQ(statusOf(s.port())["last_served_index"], i);
     }
   }
 }
@@ -231,7 +219,7 @@ TEST(StepMode, AStreamShowsItsFramesOneStepAtATime) {
   for (size_t i = 0; i < palette.size(); ++i) {
     if (i > 0) control(s.port(), {{"step", 1}});
     EXPECT_EQ(nearest(centreColour(get(s.port(), "/frame").body), palette), i) << "frame " << i;
-    EXPECT_EQ(status(s.port())["frame_index"], i);
+    EXPECT_EQ(statusOf(s.port())["frame_index"], i);
   }
   s.server->stop();
   ::close(fds[0]);
@@ -240,7 +228,7 @@ TEST(StepMode, AStreamShowsItsFramesOneStepAtATime) {
 TEST(Fetches, StatusCountsTheFramesServedAndTellsWhichAndWhen) {
   auto s = startServer(SourceChoice::pattern(), stepMode());
   ASSERT_TRUE(s.server);
-  json before = status(s.port());
+  json before = statusOf(s.port());
   EXPECT_EQ(before["frames_served"], 0);
   EXPECT_TRUE(before["last_fetch"].is_null());
   EXPECT_TRUE(before["last_served_index"].is_null());
@@ -248,11 +236,11 @@ TEST(Fetches, StatusCountsTheFramesServedAndTellsWhichAndWhen) {
   get(s.port(), "/frame");
   control(s.port(), {{"step", 2}});
   head(s.port(), "/frame");
-  EXPECT_EQ(status(s.port())["frames_served"], 1) << "HEAD serves no frame";
+  EXPECT_EQ(statusOf(s.port())["frames_served"], 1) << "HEAD serves no frame";
   get(s.port(), "/frame");
   control(s.port(), {{"fault", "http-error"}, {"requests", 1}});
   get(s.port(), "/frame");
-  json after = status(s.port());
+  json after = statusOf(s.port());
   EXPECT_EQ(after["frames_served"], 2) << "a faulted fetch serves no frame";
   EXPECT_EQ(after["last_served_index"], 2);
   EXPECT_EQ(after["frame_index"], 2);
@@ -263,8 +251,8 @@ TEST(Fetches, StatusCountsTheFramesServedAndTellsWhichAndWhen) {
 
   auto live = startServer();
   ASSERT_TRUE(live.server);
-  uint64_t first = status(live.port())["frame_index"];
-  ASSERT_TRUE(eventually([&] { return status(live.port())["frame_index"] > first; }))
+  uint64_t first = statusOf(live.port())["frame_index"];
+  ASSERT_TRUE(eventually([&] { return statusOf(live.port())["frame_index"] > first; }))
       << "the live pattern counts its frames";
 }
 
@@ -383,7 +371,7 @@ TEST(ScenarioPlayer, AStepTheServerRefusesIsReportedAndThePlayGoesOn) {
   EXPECT_TRUE(s.log->contains("scenario step 2 of 3 (line 2)"));
   EXPECT_TRUE(s.log->contains(": qr \"A\": failed: the QR payload is drawn on the test pattern only"));
   EXPECT_TRUE(s.log->contains(": step 1: failed: the server is not in step mode"));
-  EXPECT_EQ(status(s.port())["source_kind"], "image");
+  EXPECT_EQ(statusOf(s.port())["source_kind"], "image");
 }
 
 }  // namespace

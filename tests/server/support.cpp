@@ -55,6 +55,12 @@ bool sendAll(int fd, std::string_view bytes) {
   return true;
 }
 
+nlohmann::json statusOf(uint16_t port) {
+  Reply r = get(port, "/status");
+  EXPECT_EQ(r.status, 200) << r.body;
+  return nlohmann::json::parse(r.body, nullptr, false);
+}
+
 bool waitForClose(int fd, Clock::time_point deadline, std::string* received) {
   char buf[65536];
   for (;;) {

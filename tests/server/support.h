@@ -58,6 +58,20 @@ inline Reply get(uint16_t port, const std::string& path) {
 
 Reply post(uint16_t port, const std::string& path, const std::string& body);
 
+// GET /status as JSON; null (and the test failed) when the answer is not.
+nlohmann::json statusOf(uint16_t port);
+
+// Polls `condition` until it holds or `limit` passes; returns whether it held.
+template <class F>
+bool eventually(F condition, Clock::duration limit = 10s) {
+  auto deadline = in(limit);
+  while (!condition()) {
+    if (Clock::now() > deadline) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
 // True when the server closes `fd` (EOF or reset) before `deadline`; bytes that arrive first
 // are appended to `received` if given.
 bool waitForClose(int fd, Clock::time_point deadline, std::string* received = nullptr);
