@@ -22,6 +22,7 @@
 #include "server/http.h"
 #include "server/platform.h"
 #include "server/status_page.h"
+#include "server/uploads.h"
 
 namespace zerlan::server {
 
@@ -555,22 +556,31 @@ bool Connection::parseAndDispatch(bool atEof) {
   request_.assign(req.method).append(" ").append(req.path);
   if (!checkAddressing(req)) return true;
   const bool control = req.path == "/control" && req.method == "POST";
+  const bool upload = req.path == "/upload" && req.method == "POST";
   const size_t whole = req.headSize + req.contentLength;
-  if (control) {
-    if (req.contentLength > opt.maxBodyBytes) {
+  if (control || upload) {
+    if (control && req.contentLength > opt.maxBodyBytes) {
       linger_ = true;
       respondError(413, "the control body is larger than " + std::to_string(opt.maxBodyBytes) +
                             " bytes");
       return true;
     }
-    // A web page can send a cross-site form or text/plain POST without asking first; JSON
-    // it cannot.
-    if (!isJson(req.contentType)) {
+    // A web page can send a cross-site form or text/plain POST without asking first; JSON, a
+    // picture or a video it cannot.
+    if (control && !isJson(req.contentType)) {
       linger_ = true;
       respondError(415,
                    "send the control body as JSON with Content-Type: application/json (curl: "
                    "-H 'Content-Type: application/json', or --json)");
       return true;
+    }
+    if (upload) {
+      if (auto taken = checkUpload(uploadKind(req.contentType), req.contentLength); !taken) {
+        linger_ = true;
+        respondError(taken.error().status, taken.error().message);
+        return true;
+      }
+      in_.reserve(whole);
     }
     if (in_.size() < whole) {
       if (!atEof) {
@@ -599,7 +609,9 @@ void Connection::dispatch(const http::Request& req) {
   if (req.path == "/frame") {
     if (!get) return respondError(405, "use GET /frame", "Allow: GET, HEAD\r\n");
     auto frame = ctx_.store.current();
-    if (!head) {
+    // The status page's live view: neither an app's fetch nor one that a fault is meant for.
+    const bool panel = http::queryParam(req.target, "view") == "panel";
+    if (!head && !panel) {
       if (FaultKind fault = ctx_.faults.take(); fault != FaultKind::None)
         return injectFault(fault, std::move(frame));
     }
@@ -610,7 +622,8 @@ void Connection::dispatch(const http::Request& req) {
                      "Retry-After: 1\r\n", head);
     }
     ctx_.requests.add();
-    if (!head) {
+    if (!head && panel) ctx_.panelFrames.add();
+    if (!head && !panel) {
       ctx_.framesServed.add();
       ctx_.fetches.record(frame->index);
     }
@@ -627,28 +640,42 @@ void Connection::dispatch(const http::Request& req) {
     return respond(200, "text/html; charset=utf-8", std::string(statusPageHtml()),
                    "Cache-Control: no-store\r\n", head);
   }
+  ControlJob job;
   if (req.path == "/control") {
     if (req.method != "POST") {
       return respondError(405, "use POST /control with a JSON body", "Allow: POST\r\n");
     }
-    phase_ = Phase::Control;
-    worker_.untime(this);
-    ControlJob job;
-    job.body = in_.substr(req.headSize, req.contentLength);
-    // The reply moves its reference to the connection into the posted handler, so the control
-    // thread never holds the last one: the connection is always destroyed on its own thread.
-    job.reply = [self = shared_from_this()](std::string response) mutable {
-      auto& io = self->worker_.io();
-      asio::post(io, [self = std::move(self), response = std::move(response)]() mutable {
-        self->onControlAnswer(std::move(response));
-      });
-    };
-    ctx_.submitControl(std::move(job));
-    return;
+    job.kind = ControlJob::Kind::Control;
+  } else if (req.path == "/upload") {
+    if (req.method != "POST") {
+      return respondError(405, "use POST /upload with a picture or a video as the body",
+                          "Allow: POST\r\n");
+    }
+    job.kind = ControlJob::Kind::Upload;
+    job.contentType = std::string(req.contentType);
+    job.name = http::queryParam(req.target, "name").value_or("");
+  } else if (req.path == "/cameras") {
+    if (req.method != "GET") return respondError(405, "use GET /cameras", "Allow: GET\r\n");
+    job.kind = ControlJob::Kind::Cameras;
+  } else {
+    return respondError(404,
+                        "no such page: use GET /frame for frames, GET / or GET /status for the "
+                        "status, POST /control to switch");
   }
-  respondError(404,
-               "no such page: use GET /frame for frames, GET / or GET /status for the status, "
-               "POST /control to switch");
+  phase_ = Phase::Control;
+  worker_.untime(this);
+  job.request = request_;
+  job.body = in_.substr(req.headSize, req.contentLength);
+  std::string().swap(in_);  // an upload's bytes are held once, not twice
+  // The reply moves its reference to the connection into the posted handler, so the control
+  // thread never holds the last one: the connection is always destroyed on its own thread.
+  job.reply = [self = shared_from_this()](std::string response) mutable {
+    auto& io = self->worker_.io();
+    asio::post(io, [self = std::move(self), response = std::move(response)]() mutable {
+      self->onControlAnswer(std::move(response));
+    });
+  };
+  ctx_.submitControl(std::move(job));
 }
 
 // Faults are what the test asked for, not the client's doing: counted by the injector and in

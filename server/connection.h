@@ -4,8 +4,8 @@
 // Each serving thread runs an io_context of its own and accepts from the one listening socket,
 // so a connection lives on one thread from accept to close and needs no locks. A connection
 // carries one request: it is read and checked (limits, Host, Origin, Content-Type), answered
-// and closed. POST /control bodies go to the server's control thread; the answer comes back to
-// the connection's own thread.
+// and closed. POST /control and POST /upload bodies, and GET /cameras, go to the server's control
+// thread; the answer comes back to the connection's own thread.
 #pragma once
 
 #include <atomic>
@@ -58,10 +58,17 @@ class ErrorLog {
   uint64_t suppressed_ = 0;
 };
 
-// A POST /control body handed to the control thread. `reply` takes the complete HTTP response
-// and sends it on the connection's own thread; call it exactly once.
+// A request handed to the control thread: a POST /control body, a file dropped onto the status
+// page (POST /upload), or the list of cameras (GET /cameras, which may open each device).
+// `reply` takes the complete HTTP response and sends it on the connection's own thread; call it
+// exactly once.
 struct ControlJob {
+  enum class Kind { Control, Upload, Cameras };
+  Kind kind = Kind::Control;
+  std::string request;  // "POST /control", for the log
   std::string body;
+  std::string contentType;  // Upload: the file's type
+  std::string name;         // Upload: the file's name, from ?name=
   std::function<void(std::string response)> reply;
 };
 
@@ -72,6 +79,7 @@ struct ServingContext {
   ErrorLog& errorLog;
   Counter& requests;      // responses of any kind
   Counter& framesServed;  // GET /frame answered with a frame
+  Counter& panelFrames;   // the same for the status page's live view (GET /frame?view=panel)
   Counter& errors;        // 4xx and 5xx, and clients dropped for time-outs
   std::atomic<int64_t>& clients;
   std::function<std::string()> statusJson;  // the body of GET /status

@@ -251,6 +251,38 @@ std::string_view reasonPhrase(int status) {
   }
 }
 
+std::optional<std::string> queryParam(std::string_view target, std::string_view name) {
+  size_t q = target.find('?');
+  if (q == std::string_view::npos) return std::nullopt;
+  std::string_view query = target.substr(q + 1);
+  query = query.substr(0, query.find('#'));
+  while (!query.empty()) {
+    std::string_view pair = query.substr(0, query.find('&'));
+    query.remove_prefix(std::min(query.size(), pair.size() + 1));
+    size_t eq = pair.find('=');
+    if (pair.substr(0, eq) != name) continue;
+    std::string_view raw = eq == std::string_view::npos ? std::string_view() : pair.substr(eq + 1);
+    std::string value;
+    for (size_t i = 0; i < raw.size(); ++i) {
+      auto hex = [](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        if ((c | 0x20) >= 'a' && (c | 0x20) <= 'f') return (c | 0x20) - 'a' + 10;
+        return -1;
+      };
+      if (raw[i] == '+') {
+        value += ' ';
+      } else if (raw[i] == '%' && i + 2 < raw.size() && hex(raw[i + 1]) >= 0 && hex(raw[i + 2]) >= 0) {
+        value += static_cast<char>(hex(raw[i + 1]) * 16 + hex(raw[i + 2]));
+        i += 2;
+      } else {
+        value += raw[i];
+      }
+    }
+    return value;
+  }
+  return std::nullopt;
+}
+
 std::string response(int status, std::string_view contentType, std::string_view body,
                      std::string_view extraHeaders, bool headOnly) {
   std::string out;

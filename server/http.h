@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -41,6 +42,10 @@ struct ParseResult {
 ParseResult parseRequestHead(std::string_view buffer, size_t maxHead);
 
 std::string_view reasonPhrase(int status);
+
+// The value of parameter `name` in the query of `target` ("/frame?view=panel&n=3"),
+// percent-decoded with '+' as a space; nothing when the query has no such parameter.
+std::optional<std::string> queryParam(std::string_view target, std::string_view name);
 
 // A complete response with Content-Length and Connection: close. `extraHeaders` are whole
 // header lines, each ending in CRLF. With `headOnly` the body is left out (HEAD).

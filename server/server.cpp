@@ -11,9 +11,11 @@
 #include <thread>
 #include <vector>
 
+#include "server/camera.h"
 #include "server/connection.h"
 #include "server/http.h"
 #include "server/pattern.h"
+#include "server/uploads.h"
 
 namespace zerlan::server {
 
@@ -47,6 +49,13 @@ struct Server::Impl {
   Result<nlohmann::json> controlFault(const nlohmann::json& request);
   Result<nlohmann::json> controlStep(const nlohmann::json& request);
   Result<nlohmann::json> controlBody(std::string_view body);
+  Result<nlohmann::json> upload(std::string_view bytes, std::string_view contentType,
+                                std::string_view name);
+  nlohmann::json cameras() const;
+  Result<nlohmann::json> run(const ControlJob& job);
+  // Serves `source` from now on; returns once its first frame is served (or at `deadline`).
+  void switchTo(std::unique_ptr<Source> source, const std::string& summary,
+                Clock::time_point deadline);
   void sampleRate(Clock::time_point now);
   double requestsPerSecond(Clock::time_point now) const;
   void controlLoop();
@@ -71,7 +80,9 @@ struct Server::Impl {
 
   Counter requests;
   Counter framesServed;
+  Counter panelFrames;
   Counter errors;
+  UploadFolder uploads;
   std::atomic<int64_t> clients{0};
 
   mutable std::mutex rateMu;
@@ -156,6 +167,7 @@ nlohmann::json Server::Impl::status() const {
   j["frame_index"] = frame ? frame->index : 0;
   if (s.step) j["steps"] = s.steps;
   j["frames_served"] = framesServed.get();
+  j["panel_frames"] = panelFrames.get();
   const auto lastAt = fetches.lastAt.load(std::memory_order_acquire);
   if (lastAt == 0) {
     j["last_fetch"] = nullptr;
@@ -178,6 +190,8 @@ nlohmann::json Server::Impl::status() const {
   j["uptime_seconds"] =
       std::round(std::chrono::duration<double>(now - started).count() * 1000) / 1000;
   j["requests_per_second"] = std::round(requestsPerSecond(now) * 10) / 10;
+  j["camera_input"] = s.cameraInput;
+  j["uploads"] = uploads.status();
   return j;
 }
 
@@ -293,13 +307,67 @@ Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
   const auto deadline = Clock::now() + kControlWait;
   if (source) {
     std::string summary = sourceSummary(*source, next);
-    uint64_t before = producer.start(std::move(source));
-    log("source changed to " + summary);
-    store.waitNewer(before, deadline);
+    switchTo(std::move(source), summary, deadline);
   } else if (qr && producer.kind() == SourceChoice::Kind::Pattern) {
     store.waitFor([version](const Frame& f) { return f.tag >= version; }, deadline);
   }
   return status();
+}
+
+void Server::Impl::switchTo(std::unique_ptr<Source> source, const std::string& summary,
+                            Clock::time_point deadline) {
+  uint64_t before = producer.start(std::move(source));
+  log("source changed to " + summary);
+  store.waitNewer(before, deadline);
+}
+
+Result<nlohmann::json> Server::Impl::upload(std::string_view bytes, std::string_view contentType,
+                                            std::string_view name) {
+  const UploadKind kind = uploadKind(contentType);
+  if (auto taken = checkUpload(kind, bytes.size()); !taken) return taken.error();
+  std::lock_guard lock(controlMu);
+  auto path = uploads.store(bytes, name);
+  if (!path) return path.error();
+  const FrameSettings current = settings.snapshot();
+  const SourceChoice choice =
+      kind == UploadKind::Video ? SourceChoice::video(*path) : SourceChoice::image(*path);
+  auto source = openSource(choice, current);
+  if (!source) {
+    uploads.remove(*path);
+    return fail("the dropped " + std::string(uploadNoun(kind)) + " \"" + std::string(name) +
+                "\" cannot be served: " + source.error().message);
+  }
+  std::string summary = sourceSummary(**source, current) + ", uploaded";
+  switchTo(std::move(source.value()), summary, Clock::now() + kControlWait);
+  return status();
+}
+
+nlohmann::json Server::Impl::cameras() const {
+  const std::string input = settings.snapshot().cameraInput;
+  nlohmann::json j = {{"input", input}, {"cameras", nlohmann::json::array()}};
+  if (input == "lavfi") j["default"] = kLavfiDefaultGraph;
+  auto found = listCameras(input);
+  if (!found) {
+    j["note"] = found.error().message;
+  } else if (found->empty()) {
+    j["note"] = "no camera found: " + noCamera(input);
+  }
+  for (const auto& c : found ? *found : std::vector<CameraInfo>{}) {
+    j["cameras"].push_back({{"name", c.name}, {"description", c.description}});
+  }
+  return j;
+}
+
+Result<nlohmann::json> Server::Impl::run(const ControlJob& job) {
+  switch (job.kind) {
+    case ControlJob::Kind::Control:
+      return controlBody(job.body);
+    case ControlJob::Kind::Upload:
+      return upload(job.body, job.contentType, job.name);
+    case ControlJob::Kind::Cameras:
+      return cameras();
+  }
+  return fail("unknown request");
 }
 
 // Faults and steps are requests of their own: they mix with no other key.
@@ -363,7 +431,7 @@ void Server::Impl::controlLoop() {
       jobs.pop_front();
     }
     std::string response;
-    Result<nlohmann::json> result = controlBody(job.body);
+    Result<nlohmann::json> result = run(job);
     if (result) {
       requests.add();
       response = http::response(200, "application/json", dumpJson(*result) + "\n");
@@ -371,7 +439,7 @@ void Server::Impl::controlLoop() {
       requests.add();
       errors.add();
       int code = result.error().status;
-      errorLog(std::to_string(code) + " for POST /control: " + result.error().message);
+      errorLog(std::to_string(code) + " for " + job.request + ": " + result.error().message);
       response = http::response(code, "application/json",
                                 dumpJson({{"error", result.error().message}}) + "\n");
     }
@@ -389,6 +457,7 @@ void Server::Impl::stop() {
     jobsCv.notify_all();
     if (controlThread.joinable()) controlThread.join();
     producer.stop();
+    uploads.removeAll();
   });
 }
 
@@ -412,6 +481,7 @@ Result<std::unique_ptr<Server>> Server::start(const ServerOptions& options,
                          p->errorLog,
                          p->requests,
                          p->framesServed,
+                         p->panelFrames,
                          p->errors,
                          p->clients,
                          [p] { return dumpJson(p->status()) + "\n"; },

@@ -1,4 +1,6 @@
-// The HTML of GET /: a live view of /frame and the counters of /status, refreshed by script.
+// The HTML of GET /, the control panel: the live view (/frame?view=panel), the source, steps,
+// faults and counters, driven through the same /status, /control, /upload and /cameras as any
+// client. One page, no framework, nothing fetched from elsewhere.
 #pragma once
 
 #include <string_view>

@@ -22,12 +22,6 @@ using server::SourceChoice;
 const std::string kLibraryRequest =
     "GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
 
-nlohmann::json statusOf(uint16_t port) {
-  Reply r = get(port, "/status");
-  EXPECT_EQ(r.status, 200);
-  return nlohmann::json::parse(r.body, nullptr, false);
-}
-
 // Polls `condition` until it holds or the deadline passes.
 template <class F>
 bool eventually(F condition, Clock::duration limit = 5s) {
@@ -404,7 +398,7 @@ TEST(ServeHttp, StatusCountsEveryRequest) {
   Reply page = get(s.port(), "/");
   EXPECT_EQ(page.status, 200);
   EXPECT_EQ(page.headers["content-type"], "text/html; charset=utf-8");
-  for (const char* uses : {"\"/frame?n=\"", "\"/status\"", "\"/control\""}) {
+  for (const char* uses : {"\"/frame?view=panel&n=\"", "\"/status\"", "\"/control\"", "\"/upload?name=\""}) {
     EXPECT_NE(page.body.find(uses), std::string::npos) << "the page polls " << uses;
   }
 }
