@@ -88,8 +88,8 @@ void UploadFolder::removeAll() {
 
 Result<std::string> UploadFolder::store(std::string_view bytes, std::string_view name) {
   std::lock_guard lock(mu_);
-  if (bytes_ + bytes.size() > kMaxUploadsBytes) {
-    return Error{"this server keeps " + mebibytes(kMaxUploadsBytes) +
+  if (bytes_ + bytes.size() > maxKeptBytes_) {
+    return Error{"this server keeps " + mebibytes(maxKeptBytes_) +
                      " of dropped files at most, and has " + mebibytes(bytes_) +
                      ": restart zerlan serve to clear them, or serve the file by its path",
                  413};
@@ -134,7 +134,7 @@ nlohmann::json UploadFolder::status() const {
           {"bytes", bytes_},
           {"max_picture_bytes", kMaxUploadedPictureBytes},
           {"max_video_bytes", kMaxUploadedVideoBytes},
-          {"max_kept_bytes", kMaxUploadsBytes}};
+          {"max_kept_bytes", maxKeptBytes_}};
 }
 
 }  // namespace zerlan::server

@@ -39,14 +39,14 @@ Result<void> checkUpload(UploadKind kind, size_t bytes);
 // Safe for any thread.
 class UploadFolder {
  public:
-  UploadFolder() = default;
+  explicit UploadFolder(size_t maxKeptBytes = kMaxUploadsBytes) : maxKeptBytes_(maxKeptBytes) {}
   ~UploadFolder();  // removes the folder and everything in it
   UploadFolder(const UploadFolder&) = delete;
   UploadFolder& operator=(const UploadFolder&) = delete;
 
   // Writes `bytes` to a new file named after `name` (its last path part, reduced to letters,
   // digits, '.', '-' and '_') and returns its path. Fails (413) when the kept files would pass
-  // kMaxUploadsBytes, or when the folder cannot be made or written.
+  // `maxKeptBytes`, or when the folder cannot be made or written.
   Result<std::string> store(std::string_view bytes, std::string_view name);
   // Removes a stored file that turned out to be of no use.
   void remove(const std::string& path);
@@ -58,6 +58,7 @@ class UploadFolder {
   nlohmann::json status() const;
 
  private:
+  const size_t maxKeptBytes_;
   mutable std::mutex mu_;
   std::filesystem::path folder_;  // empty until the first upload
   uint64_t stored_ = 0;           // files written so far: numbers the next one

@@ -57,15 +57,19 @@ class Panel : public ::testing::Test {
   // Drops a file made of `bytes` onto the live view, as a person dragging it from the desktop:
   // WebDriver cannot drag from outside the page, so the drop event is built in the page.
   static void drop(const std::string& bytes, const std::string& name, const std::string& type) {
-    json data = json::array();
-    for (unsigned char c : bytes) data.push_back(c);
     browser_->run(
         "const [bytes, name, type] = arguments;"
         "const transfer = new DataTransfer();"
         "transfer.items.add(new File([new Uint8Array(bytes)], name, { type }));"
         "document.getElementById('stage').dispatchEvent("
         "    new DragEvent('drop', { dataTransfer: transfer, bubbles: true, cancelable: true }));",
-        {data, name, type});
+        {byteArray(bytes), name, type});
+  }
+  // Bytes as a script takes them: a list of numbers.
+  static json byteArray(std::string_view bytes) {
+    json list = json::array();
+    for (unsigned char c : bytes) list.push_back(c);
+    return list;
   }
 
   static inline std::unique_ptr<TempDir> dir_;
@@ -217,16 +221,18 @@ TEST_F(Panel, UploadsFromAnotherOriginAreRefused) {
   // A page of another origin tries both ways a page can post a file: with CORS (the browser
   // asks first) and without (it sends, and cannot read the answer).
   browser_->open("http://127.0.0.1:" + std::to_string(otherPort) + "/");
+  // A picture the server would serve, were it taken.
+  const json picture = byteArray(solidJpeg(64, 48, kGreen));
   json outcome = browser_->run(
       "const target = arguments[0] + 'upload?name=x.jpg';"
-      "const body = new Blob([new Uint8Array([255, 216, 255, 224])], { type: 'image/jpeg' });"
+      "const body = new Blob([new Uint8Array(arguments[1])], { type: 'image/jpeg' });"
       "const said = [];"
       "try { const r = await fetch(target, { method: 'POST', body, headers: { 'Content-Type': 'image/jpeg' } });"
       "      said.push('cors: HTTP ' + r.status); } catch (e) { said.push('cors: refused'); }"
       "try { await fetch(target, { method: 'POST', body, mode: 'no-cors' }); said.push('no-cors: sent'); }"
       "catch (e) { said.push('no-cors: refused'); }"
       "return said;",
-      {url()});
+      {url(), picture});
   EXPECT_EQ(outcome, json({"cors: refused", "no-cors: sent"}));
   EXPECT_TRUE(server_->waitForLine("403 for POST /upload", in(5s)))
       << "the server saw the post and refused it";
