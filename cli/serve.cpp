@@ -260,7 +260,8 @@ Command addServe(CLI::App& zerlan) {
       ->type_name("FILE");
 
   cmd->footer(
-      "Pages: GET /frame (the JPEG), GET / (live view and counters), GET /status (JSON), "
+      "Pages: GET /frame (the JPEG), GET / (the control panel), GET /status (JSON), GET /cameras "
+      "(JSON), POST /upload (a picture or video as the body, as the panel sends a dropped file), "
       "POST /control with JSON: {\"qr\": \"TEXT\"}, {\"source\": \"pattern\"}, "
       "{\"source\": {\"image\": PATH}}, {\"source\": {\"dir\": PATH}}, "
       "{\"source\": {\"video\": PATH}}, {\"source\": \"camera\"}, {\"source\": {\"camera\": NAME}}, "

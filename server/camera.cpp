@@ -226,7 +226,7 @@ Result<std::vector<CameraInfo>> listCameras(std::string_view input) {
     return fail("lavfi has no list of cameras: its camera is a generated video, named by a chain "
                 "of filters such as " + std::string(kLavfiDefaultGraph) + " (the default)");
   }
-  avdevice_register_all();
+  setUpLibav();
   const AVInputFormat* format = av_find_input_format(std::string(input).c_str());
   if (!format) {
     return fail("this FFmpeg has no \"" + std::string(input) +

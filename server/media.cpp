@@ -40,15 +40,6 @@ void logToSink(void*, int level, const char* format, va_list args) {
   }
 }
 
-void setUpLibav() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    av_log_set_callback(logToSink);
-    av_log_set_level(AV_LOG_INFO);
-    avdevice_register_all();
-  });
-}
-
 // What a camera feed can be made of. Anything else is refused before FFmpeg reads it: among its
 // demuxers are some that render any text file (.asc, .nfo, .ans, ...) as video, and a control
 // request may name any path, so an open list would let a client read the host's files as frames.
@@ -85,6 +76,15 @@ void cropToShape(AVFrame* frame, Size size) {
 }
 
 }  // namespace
+
+void setUpLibav() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    av_log_set_callback(logToSink);
+    av_log_set_level(AV_LOG_INFO);
+    avdevice_register_all();
+  });
+}
 
 std::string averror(int code) {
   char buf[AV_ERROR_MAX_STRING_SIZE] = {};

@@ -64,6 +64,11 @@ class MediaReader {
 // The first frame of the picture or video in `path`.
 Result<RgbImage> readPicture(const std::string& path, std::optional<Size> size);
 
+// Sets FFmpeg up, once for the process: its log goes only where withLibavLog says, and the
+// devices of libavdevice are registered. Every function here calls it; call it before using
+// FFmpeg directly.
+void setUpLibav();
+
 // Runs `work` with FFmpeg's log lines of this thread handed to `line` (level and text, without
 // the newline); FFmpeg's messages otherwise go nowhere. Some inputs say things only there:
 // AVFoundation lists its devices, and names the option it refused, in its log.

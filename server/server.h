@@ -2,9 +2,11 @@
 //
 // GET /frame answers the current frame as "HTTP/1.1 200 OK" with Content-Type image/jpeg,
 // Content-Length and Connection: close, then closes the connection: the injected library reads
-// the body until the close and ignores the headers. GET / is a status page with the live feed,
-// GET /status the same figures as JSON, and POST /control switches the source or the QR payload
-// at run time. Every connection carries exactly one request.
+// the body until the close and ignores the headers. GET / is the control panel (the live view
+// fetches GET /frame?view=panel, counted apart from the app's fetches), GET /status its figures
+// as JSON, POST /control switches the source or the QR payload at run time, POST /upload serves
+// a picture or video sent as the body, and GET /cameras lists the cameras. Every connection
+// carries exactly one request.
 //
 // Serving runs on a few threads, each with an Asio io_context of its own, that share the
 // listening socket (server/connection.h); frames are produced on a thread of their own, so

@@ -1,5 +1,7 @@
 #include "server/uploads.h"
 
+#include <unistd.h>  // mkdtemp on macOS
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>

@@ -54,16 +54,17 @@ class Panel : public ::testing::Test {
   static bool says(const std::string& part) {
     return eventually([&] { return message().find(part) != std::string::npos; });
   }
-  // Drops a file made of `bytes` onto the live view, as a person dragging it from the desktop:
-  // WebDriver cannot drag from outside the page, so the drop event is built in the page.
-  static void drop(const std::string& bytes, const std::string& name, const std::string& type) {
+  // Drops a file onto the live view, as a person dragging it from the desktop: WebDriver cannot
+  // drag from outside the page, so the drop event is built in the page. `content` is the file's
+  // bytes (see byteArray) or a length of zeros.
+  static void drop(const json& content, const std::string& name, const std::string& type) {
     browser_->run(
-        "const [bytes, name, type] = arguments;"
+        "const [content, name, type] = arguments;"
         "const transfer = new DataTransfer();"
-        "transfer.items.add(new File([new Uint8Array(bytes)], name, { type }));"
+        "transfer.items.add(new File([new Uint8Array(content)], name, { type }));"
         "document.getElementById('stage').dispatchEvent("
         "    new DragEvent('drop', { dataTransfer: transfer, bubbles: true, cancelable: true }));",
-        {byteArray(bytes), name, type});
+        {content, name, type});
   }
   // Bytes as a script takes them: a list of numbers.
   static json byteArray(std::string_view bytes) {
@@ -105,7 +106,7 @@ TEST_F(Panel, PicturesByPathByDropAndByTheFileChooser) {
   EXPECT_EQ(nearest(centreColour(frame()), {kRed, kGreen, kBlue}), 0u);
   EXPECT_EQ(status()["uploads"]["kept"], 0) << "a path is served where it lies";
 
-  drop(solidJpeg(320, 240, kGreen), "green card.jpg", "image/jpeg");
+  drop(byteArray(solidJpeg(320, 240, kGreen)), "green card.jpg", "image/jpeg");
   ASSERT_TRUE(says("Serving green card.jpg")) << message();
   EXPECT_EQ(status()["uploads"]["kept"], 1);
   EXPECT_EQ(nearest(centreColour(frame()), {kRed, kGreen, kBlue}), 1u);
@@ -122,7 +123,7 @@ TEST_F(Panel, PicturesByPathByDropAndByTheFileChooser) {
   EXPECT_EQ(nearest(centreColour(frame()), {kRed, kGreen, kBlue}), 2u);
 
   // A dropped file the server cannot read is refused with the server's reason, and not kept.
-  drop("these bytes are no picture", "broken.png", "image/png");
+  drop(byteArray("these bytes are no picture"), "broken.png", "image/png");
   EXPECT_TRUE(says("\"broken.png\" cannot be served")) << message();
   EXPECT_EQ(status()["uploads"]["kept"], 2);
   EXPECT_EQ(nearest(centreColour(frame()), {kRed, kGreen, kBlue}), 2u) << "the source stays";
@@ -131,13 +132,7 @@ TEST_F(Panel, PicturesByPathByDropAndByTheFileChooser) {
 TEST_F(Panel, TooLargeUploadsAreRefusedOnThePage) {
   const json before = status();
   const size_t limit = before["uploads"]["max_video_bytes"];
-  browser_->run(
-      "const file = new File([new Uint8Array(arguments[0])], 'long take.mp4', { type: 'video/mp4' });"
-      "const transfer = new DataTransfer();"
-      "transfer.items.add(file);"
-      "document.getElementById('stage').dispatchEvent("
-      "    new DragEvent('drop', { dataTransfer: transfer, bubbles: true, cancelable: true }));",
-      {limit + 1});
+  drop(limit + 1, "long take.mp4", "video/mp4");
   EXPECT_TRUE(says("long take.mp4 is larger than 64 MiB")) << message();
   EXPECT_EQ(status()["uploads"], before["uploads"]);
   EXPECT_EQ(status()["source"], before["source"]);
@@ -250,7 +245,7 @@ TEST_F(Panel, Screenshot) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(get(port, "/frame").status, 200);  // as an app would
   browser_->open("http://127.0.0.1:" + std::to_string(port) + "/");
   ASSERT_TRUE(eventually([] {
-    return browser_->text("#frames_served") == "3" &&
+    return browser_->text("#frames_served") == "3" && browser_->text("#panel_frames") != "0" &&
            browser_->run("return document.getElementById('feed').complete;") == true;
   }));
   const std::string png = browser_->screenshotPng(true);
