@@ -62,7 +62,8 @@ TEST(Camera, FramesAreCroppedToTheServingShapeAndScaled) {
   }
 }
 
-TEST(Camera, LiveFramesFollowTheCameraInOrder) {
+TEST(Camera, LiveFramesFollowTheCameraInOrderAtItsPace) {
+  const auto started = Clock::now();
   auto s = startServer(SourceChoice::camera("testsrc2=size=320x240:rate=30"), lavfi());
   ASSERT_TRUE(s.server);
   auto first = s.server->frames().current();
@@ -77,8 +78,11 @@ TEST(Camera, LiveFramesFollowTheCameraInOrder) {
     EXPECT_GT(frames[i]->index, frames[i - 1]->index) << "frame indexes go up";
     EXPECT_NE(frames[i]->jpeg(), frames[i - 1]->jpeg()) << "testsrc2 moves";
   }
-  // A generated video is played at its own rate, as a camera sends: 5 periods of 1/30 s at least.
-  EXPECT_GE(frames.back()->published - frames.front()->published, 5 * 30ms);
+  // A generated video comes at its own rate, as a camera sends, not as fast as it is read: a
+  // loaded machine makes fewer frames, never more.
+  std::this_thread::sleep_for(300ms);
+  const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+  EXPECT_LE(s.server->frames().current()->index, 30 * seconds + 2) << "in " << seconds << " s";
 }
 
 TEST(Camera, StepModeHoldsTheCurrentFrameUntilAStep) {
