@@ -254,7 +254,9 @@ Command addCtl(CLI::App& zerlan) {
       "source",
       "Switch the source: pattern, image FILE, dir DIR, video FILE, or camera [NAME] (the default "
       "camera, or the one named; the server's --camera-input reads it).");
-  source->add_option("KIND_AND_PATH", o->source, "pattern | image FILE | dir DIR | video FILE | camera [NAME]")
+  source
+      ->add_option("KIND_AND_PATH", o->source,
+                   "pattern | image FILE | dir DIR | video FILE | camera [NAME]")
       ->required();
   runs.emplace_back(source, [o] { return runSource(*o); });
 

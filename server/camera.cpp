@@ -30,16 +30,25 @@ constexpr auto kFirstFrameWait = 10s;
 // them. Other filters can read files (movie, drawtext's textfile, subtitles) or load code, and
 // a control request may name any graph.
 constexpr std::array<std::string_view, 41> kLavfiFilters = {
-    "testsrc", "testsrc2", "smptebars", "smptehdbars", "pal75bars", "pal100bars", "rgbtestsrc",
-    "yuvtestsrc", "colorchart", "colorspectrum", "color", "mandelbrot", "life", "cellauto",
-    "gradients", "allrgb", "allyuv", "nullsrc", "sierpinski", "scale", "format", "fps",
-    "setpts", "setsar", "hue", "eq", "negate", "hflip", "vflip", "transpose", "rotate", "crop",
-    "pad", "drawbox", "drawgrid", "boxblur", "gblur", "noise", "colorchannelmixer", "null",
-    "realtime"};
+    "testsrc",       "testsrc2",   "smptebars",
+    "smptehdbars",   "pal75bars",  "pal100bars",
+    "rgbtestsrc",    "yuvtestsrc", "colorchart",
+    "colorspectrum", "color",      "mandelbrot",
+    "life",          "cellauto",   "gradients",
+    "allrgb",        "allyuv",     "nullsrc",
+    "sierpinski",    "scale",      "format",
+    "fps",           "setpts",     "setsar",
+    "hue",           "eq",         "negate",
+    "hflip",         "vflip",      "transpose",
+    "rotate",        "crop",       "pad",
+    "drawbox",       "drawgrid",   "boxblur",
+    "gblur",         "noise",      "colorchannelmixer",
+    "null",          "realtime"};
 
 const std::string kLavfiHelp =
     "a lavfi camera is one chain of generators and filters, without labels, quotes or escapes, "
-    "such as " + std::string(kLavfiDefaultGraph) + " or smptebars=size=640x480,hflip";
+    "such as " +
+    std::string(kLavfiDefaultGraph) + " or smptebars=size=640x480,hflip";
 
 Result<void> checkLavfiGraph(std::string_view graph) {
   if (graph.empty()) return fail("the lavfi camera's graph is empty: " + kLavfiHelp);
@@ -110,8 +119,8 @@ Result<std::vector<CameraInfo>> listV4l2(const AVInputFormat* input) {
   std::vector<CameraInfo> cameras;
   for (int i = 0; list && i < list->nb_devices; ++i) {
     const AVDeviceInfo* d = list->devices[i];
-    cameras.push_back({d->device_name ? d->device_name : "",
-                       d->device_description ? d->device_description : ""});
+    cameras.push_back(
+        {d->device_name ? d->device_name : "", d->device_description ? d->device_description : ""});
   }
   avdevice_free_list_devices(&list);
   std::sort(cameras.begin(), cameras.end(),
@@ -185,7 +194,8 @@ Result<DeviceInput> deviceFor(std::string_view input, const std::string& name) {
   }
   // AVFoundation also takes a device's index.
   if (!chosen && input == "avfoundation" && !name.empty() &&
-      name.find_first_not_of("0123456789") == std::string::npos && std::stoul(name) < cameras->size()) {
+      name.find_first_not_of("0123456789") == std::string::npos &&
+      std::stoul(name) < cameras->size()) {
     chosen = &(*cameras)[std::stoul(name)];
   }
   if (!chosen) {
@@ -223,8 +233,10 @@ Result<std::unique_ptr<MediaReader>> openDevice(DeviceInput device) {
 
 Result<std::vector<CameraInfo>> listCameras(std::string_view input) {
   if (input == "lavfi") {
-    return fail("lavfi has no list of cameras: its camera is a generated video, named by a chain "
-                "of filters such as " + std::string(kLavfiDefaultGraph) + " (the default)");
+    return fail(
+        "lavfi has no list of cameras: its camera is a generated video, named by a chain "
+        "of filters such as " +
+        std::string(kLavfiDefaultGraph) + " (the default)");
   }
   setUpLibav();
   const AVInputFormat* format = av_find_input_format(std::string(input).c_str());

@@ -659,8 +659,8 @@ void Connection::dispatch(const http::Request& req) {
     job.kind = ControlJob::Kind::Cameras;
   } else {
     return respondError(404,
-                        "no such page: use GET /frame for frames, GET / or GET /status for the "
-                        "status, POST /control to switch");
+                        "no such page: use GET /frame for frames, GET / for the control panel, "
+                        "GET /status for the figures, POST /control to switch");
   }
   phase_ = Phase::Control;
   worker_.untime(this);

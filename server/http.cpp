@@ -271,7 +271,8 @@ std::optional<std::string> queryParam(std::string_view target, std::string_view 
       };
       if (raw[i] == '+') {
         value += ' ';
-      } else if (raw[i] == '%' && i + 2 < raw.size() && hex(raw[i + 1]) >= 0 && hex(raw[i + 2]) >= 0) {
+      } else if (raw[i] == '%' && i + 2 < raw.size() && hex(raw[i + 1]) >= 0 &&
+                 hex(raw[i + 2]) >= 0) {
         value += static_cast<char>(hex(raw[i + 1]) * 16 + hex(raw[i + 2]));
         i += 2;
       } else {

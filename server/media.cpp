@@ -163,7 +163,9 @@ Result<std::unique_ptr<MediaReader>> MediaReader::open(const DeviceInput& device
   // server's stop, for good.
   s.format->flags |= AVFMT_FLAG_NONBLOCK;
   AVDictionary* options = nullptr;
-  for (const auto& [key, value] : device.options) av_dict_set(&options, key.c_str(), value.c_str(), 0);
+  for (const auto& [key, value] : device.options) {
+    av_dict_set(&options, key.c_str(), value.c_str(), 0);
+  }
   int opened = 0;
   std::string said;  // the input's own account of a failure
   withLibavLog(

@@ -103,9 +103,11 @@ Result<ScenarioStep> parseStep(const nlohmann::json& item, const fs::path& folde
       what.push_back(key + " " + value.get<std::string>());
       ++sources;
     } else if (key == "camera") {
-      if (!value.is_string()) return fail("\"camera\" must be a camera's name (\"\": the default one)");
+      if (!value.is_string())
+        return fail("\"camera\" must be a camera's name (\"\": the default one)");
       control["source"] = {{"camera", value}};
-      what.push_back(value.get<std::string>().empty() ? "the camera" : "camera " + value.get<std::string>());
+      const auto name = value.get<std::string>();
+      what.push_back(name.empty() ? "the camera" : "camera " + name);
       ++sources;
     } else if (key == "source") {
       if (value != "pattern" && value != "camera")

@@ -218,7 +218,9 @@ Result<SourceChoice> parseSourceChoice(const nlohmann::json& value) {
   const nlohmann::json& path = value.begin().value();
   if (key == "pattern") return SourceChoice::pattern();
   if (key == "camera") {
-    if (!path.is_string()) return fail("\"camera\" must be a camera's name as a string (\"\": the default one)");
+    if (!path.is_string()) {
+      return fail("\"camera\" must be a camera's name as a string (\"\": the default one)");
+    }
     return SourceChoice::camera(path.get<std::string>());
   }
   if (key != "image" && key != "dir" && key != "video") {

@@ -376,8 +376,17 @@ const stage = $("stage");
 let dragDepth = 0;
 document.addEventListener("dragover", (ev) => ev.preventDefault());
 document.addEventListener("drop", (ev) => ev.preventDefault());
-stage.addEventListener("dragenter", (ev) => { ev.preventDefault(); dragDepth++; stage.classList.add("dragging"); });
-stage.addEventListener("dragleave", () => { if (--dragDepth <= 0) { dragDepth = 0; stage.classList.remove("dragging"); } });
+// Entering a child of the stage fires dragleave on the stage: count, so the hint does not flicker.
+stage.addEventListener("dragenter", (ev) => {
+  ev.preventDefault();
+  dragDepth++;
+  stage.classList.add("dragging");
+});
+stage.addEventListener("dragleave", () => {
+  if (--dragDepth > 0) return;
+  dragDepth = 0;
+  stage.classList.remove("dragging");
+});
 stage.addEventListener("drop", (ev) => {
   ev.preventDefault();
   dragDepth = 0;

@@ -22,9 +22,8 @@ bool startsWithType(std::string_view contentType, std::string_view prefix) {
 }
 
 std::string cleanName(std::string_view name) {
-  name = name.substr(name.find_last_of("/\\") == std::string_view::npos
-                         ? 0
-                         : name.find_last_of("/\\") + 1);
+  name = name.substr(
+      name.find_last_of("/\\") == std::string_view::npos ? 0 : name.find_last_of("/\\") + 1);
   std::string clean;
   for (unsigned char c : name) {
     if (clean.size() >= 60) break;
@@ -64,9 +63,10 @@ std::string mebibytes(size_t bytes) { return std::to_string(bytes >> 20) + " MiB
 
 Result<void> checkUpload(UploadKind kind, size_t bytes) {
   if (kind == UploadKind::None) {
-    return Error{"send a picture (Content-Type image/jpeg, image/png, ...) or a video (video/mp4, "
-                 "video/quicktime, ...)",
-                 415};
+    return Error{
+        "send a picture (Content-Type image/jpeg, image/png, ...) or a video (video/mp4, "
+        "video/quicktime, ...)",
+        415};
   }
   if (bytes > uploadLimit(kind)) {
     return Error{"the " + std::string(uploadNoun(kind)) + " is larger than " +

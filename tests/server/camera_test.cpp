@@ -1,11 +1,12 @@
 // The camera source, through libavdevice: lavfi's generated video takes the same road as a
 // camera (open, decode, scale on the producer thread), so it stands in for one here; the V4L2
 // road runs where the machine has a /dev/video* device.
+#include "server/camera.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "server/camera.h"
 #include "server/scenario.h"
 #include "support.h"
 
@@ -42,8 +43,9 @@ TEST(Camera, FramesAreCroppedToTheServingShapeAndScaled) {
     Size served;
     bool cropped;
   };
-  for (const Case& c : {Case{std::nullopt, {640, 480}, true}, Case{Size{320, 240}, {320, 240}, true},
-                        Case{Size{1280, 720}, {1280, 720}, false}}) {
+  for (const Case& c :
+       {Case{std::nullopt, {640, 480}, true}, Case{Size{320, 240}, {320, 240}, true},
+        Case{Size{1280, 720}, {1280, 720}, false}}) {
     FrameSettings settings = lavfi();
     settings.size = c.size;
     auto s = startServer(SourceChoice::camera(kBanded), settings);
@@ -56,8 +58,9 @@ TEST(Camera, FramesAreCroppedToTheServingShapeAndScaled) {
         << server::formatSize(c.served);
     const json status = statusOf(s.port());
     EXPECT_EQ(status["source_kind"], "camera");
-    EXPECT_NE(status["source"].get<std::string>().find(c.cropped ? "cropped and scaled" : "scaled to"),
-              std::string::npos)
+    EXPECT_NE(
+        status["source"].get<std::string>().find(c.cropped ? "cropped and scaled" : "scaled to"),
+        std::string::npos)
         << status["source"];
   }
 }
@@ -157,7 +160,8 @@ TEST(Camera, RefusedWithAReasonWhileTheRunningSourceStays) {
   ASSERT_TRUE(s.server);
   Reply refused = post(s.port(), "/control", R"({"source": {"camera": "movie=x.mp4"}})");
   EXPECT_EQ(refused.status, 400);
-  EXPECT_NE(json::parse(refused.body)["error"].get<std::string>().find("\"movie\" cannot make a lavfi camera"),
+  EXPECT_NE(json::parse(refused.body)["error"].get<std::string>().find(
+                "\"movie\" cannot make a lavfi camera"),
             std::string::npos)
       << refused.body;
   EXPECT_EQ(statusOf(s.port())["source_kind"], "pattern");
@@ -176,7 +180,8 @@ TEST(Camera, TheCameraListSaysWhatThereIs) {
   auto v4l2 = server::listCameras("v4l2");
   ASSERT_TRUE(v4l2) << v4l2.error().message;
   EXPECT_EQ(cameras["cameras"].size(), v4l2->size());
-  if (v4l2->empty()) EXPECT_NE(cameras["note"].get<std::string>().find("no camera found"), std::string::npos);
+  if (v4l2->empty())
+    EXPECT_NE(cameras["note"].get<std::string>().find("no camera found"), std::string::npos);
 }
 
 // The V4L2 road itself, on a machine with a camera.

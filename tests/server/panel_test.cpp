@@ -81,9 +81,9 @@ class Panel : public ::testing::Test {
 
 TEST_F(Panel, TypedQrTextIsTheCodeInTheServedFrame) {
   // From another source too: the page switches back to the pattern, which draws the code.
-  ASSERT_EQ(post(port_, "/control", R"({"source": {"image": ")" +
-                                        makePng(*dir_, "grey.png", 320, 240, {128, 128, 128}) +
-                                        R"("}})")
+  ASSERT_EQ(post(port_, "/control",
+                 R"({"source": {"image": ")" +
+                     makePng(*dir_, "grey.png", 320, 240, {128, 128, 128}) + R"("}})")
                 .status,
             200);
   browser_->click("[data-pane=pattern]");
@@ -152,8 +152,10 @@ TEST_F(Panel, StepButtonsAndTheFrameIndex) {
   browser_->click("#step10");
   ASSERT_TRUE(eventually([&] { return status()["frame_index"] == index + 11; })) << message();
   EXPECT_EQ(status()["steps"], steps + 11);
-  EXPECT_TRUE(eventually([&] { return browser_->text("#frame_index") == std::to_string(index + 11); }))
-      << browser_->text("#frame_index") << " on the page, " << index + 11 << " in /status";
+  EXPECT_TRUE(eventually([&] {
+    return browser_->text("#frame_index") == std::to_string(index + 11);
+  })) << browser_->text("#frame_index")
+      << " on the page, " << index + 11 << " in /status";
 }
 
 TEST_F(Panel, AFaultIsInjectedShownAndCleared) {
@@ -177,14 +179,16 @@ TEST_F(Panel, AFaultIsInjectedShownAndCleared) {
 
 TEST_F(Panel, TheLiveViewIsNoAppFetch) {
   const json before = status();
-  ASSERT_TRUE(eventually([&] { return status()["panel_frames"] >= before["panel_frames"].get<uint64_t>() + 3; }))
-      << "the live view polls";
+  ASSERT_TRUE(eventually([&] {
+    return status()["panel_frames"] >= before["panel_frames"].get<uint64_t>() + 3;
+  })) << "the live view polls";
   EXPECT_EQ(status()["frames_served"], before["frames_served"]);
   EXPECT_EQ(status()["last_fetch"], before["last_fetch"]);
   frame();
   EXPECT_EQ(status()["frames_served"], before["frames_served"].get<uint64_t>() + 1);
   EXPECT_TRUE(eventually([&] {
-    return browser_->text("#frames_served") == std::to_string(before["frames_served"].get<uint64_t>() + 1);
+    return browser_->text("#frames_served") ==
+           std::to_string(before["frames_served"].get<uint64_t>() + 1);
   }));
 }
 
@@ -200,7 +204,8 @@ TEST_F(Panel, TheCameraFromThePanelHoldsItsFrameUntilAStep) {
   std::this_thread::sleep_for(200ms);  // the camera sends several frames meanwhile
   EXPECT_EQ(frame(), held);
   browser_->click("#step1");
-  EXPECT_TRUE(eventually([&] { return frame() != held; })) << "a step shows what the camera sees now";
+  EXPECT_TRUE(eventually([&] { return frame() != held; }))
+      << "a step shows what the camera sees now";
 
   browser_->type("#camname", "movie=/etc/passwd");
   browser_->click("#camgo");
@@ -222,9 +227,11 @@ TEST_F(Panel, UploadsFromAnotherOriginAreRefused) {
       "const target = arguments[0] + 'upload?name=x.jpg';"
       "const body = new Blob([new Uint8Array(arguments[1])], { type: 'image/jpeg' });"
       "const said = [];"
-      "try { const r = await fetch(target, { method: 'POST', body, headers: { 'Content-Type': 'image/jpeg' } });"
+      "try { const r = await fetch(target, { method: 'POST', body, headers: { 'Content-Type': "
+      "'image/jpeg' } });"
       "      said.push('cors: HTTP ' + r.status); } catch (e) { said.push('cors: refused'); }"
-      "try { await fetch(target, { method: 'POST', body, mode: 'no-cors' }); said.push('no-cors: sent'); }"
+      "try { await fetch(target, { method: 'POST', body, mode: 'no-cors' }); said.push('no-cors: "
+      "sent'); }"
       "catch (e) { said.push('no-cors: refused'); }"
       "return said;",
       {url(), picture});

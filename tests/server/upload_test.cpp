@@ -40,12 +40,14 @@ TEST(Upload, PicturesAndVideosAreKeptPrivatelyAndServedUntilTheServerStops) {
   EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all) << "this user's alone";
   EXPECT_TRUE(fs::exists(folder / "1-my_card.jpg")) << "named after the file, inside the folder";
 
-  const std::string video = readFile(makeVideo(dir, "clip.mp4", {{255, 0, 0}, {0, 255, 0}}, 10, 160, 120));
+  const std::string video =
+      readFile(makeVideo(dir, "clip.mp4", {{255, 0, 0}, {0, 255, 0}}, 10, 160, 120));
   Reply played = upload(s.port(), video, "video/mp4");
   ASSERT_EQ(played.status, 200) << played.body;
   EXPECT_EQ(json::parse(played.body)["source_kind"], "video");
   EXPECT_EQ(statusOf(s.port())["uploads"]["kept"], 2);
-  EXPECT_EQ(statusOf(s.port())["uploads"]["bytes"], fs::file_size(folder / "1-my_card.jpg") + video.size());
+  EXPECT_EQ(statusOf(s.port())["uploads"]["bytes"],
+            fs::file_size(folder / "1-my_card.jpg") + video.size());
 
   // What cannot be served is refused with the reason, and not kept.
   Reply broken = upload(s.port(), "no picture at all", "image/png");
@@ -73,7 +75,8 @@ TEST(Upload, RefusedBeforeTheBodyIsRead) {
       {"text/plain", 10, "", 415, "send a picture"},
       {"image/", 10, "", 415, "send a picture"},
       {"application/json", 10, "", 415, "send a picture"},
-      {"image/png", server::kMaxUploadedPictureBytes + 1, "", 413, "the picture is larger than 32 MiB"},
+      {"image/png", server::kMaxUploadedPictureBytes + 1, "", 413,
+       "the picture is larger than 32 MiB"},
       {"video/mp4", server::kMaxUploadedVideoBytes + 1, "", 413, "the video is larger than 64 MiB"},
       {"image/png", 10, "Origin: http://127.0.0.1:1\r\n", 403, "requests from other web pages"},
       {"image/png", 10, "Origin: null\r\n", 403, "requests from other web pages"},
@@ -81,12 +84,13 @@ TEST(Upload, RefusedBeforeTheBodyIsRead) {
   };
   for (const Case& c : cases) {
     // Only the head: a refusal must not wait for the body.
-    Reply r = roundTrip(port,
-                        "POST /upload HTTP/1.1\r\n" +
-                            std::string(c.headers.starts_with("Host") ? "" : "Host: 127.0.0.1\r\n") +
-                            "Content-Type: " + c.type + "\r\nContent-Length: " +
-                            std::to_string(c.length) + "\r\n" + c.headers + "\r\n",
-                        5s);
+    Reply r = roundTrip(
+        port,
+        "POST /upload HTTP/1.1\r\n" +
+            std::string(c.headers.starts_with("Host") ? "" : "Host: 127.0.0.1\r\n") +
+            "Content-Type: " + c.type + "\r\nContent-Length: " + std::to_string(c.length) + "\r\n" +
+            c.headers + "\r\n",
+        5s);
     EXPECT_EQ(r.status, c.status) << c.type << " " << c.headers << r.body;
     EXPECT_NE(r.body.find(c.says), std::string::npos) << r.body;
   }
@@ -151,10 +155,14 @@ TEST(Upload, QueryParameters) {
     std::optional<std::string> view;
   };
   const Case cases[] = {
-      {"/frame?view=panel", "panel"},   {"/frame?n=3&view=panel&x", "panel"},
-      {"/frame?viewer=panel", {}},      {"/frame", {}},
-      {"/frame?view", ""},              {"/frame?view=a%20b+c%2", "a b c%2"},
-      {"/frame?view=%zz#view=x", "%zz"}, {"/frame?a=1#view=panel", {}},
+      {"/frame?view=panel", "panel"},
+      {"/frame?n=3&view=panel&x", "panel"},
+      {"/frame?viewer=panel", {}},
+      {"/frame", {}},
+      {"/frame?view", ""},
+      {"/frame?view=a%20b+c%2", "a b c%2"},
+      {"/frame?view=%zz#view=x", "%zz"},
+      {"/frame?a=1#view=panel", {}},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(server::http::queryParam(c.target, "view"), c.view) << c.target;

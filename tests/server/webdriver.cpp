@@ -71,7 +71,8 @@ std::pair<int, std::string> ask(uint16_t port, const std::string& request) {
       std::string head = got.substr(0, end);
       for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
       size_t at = head.find("content-length:");
-      size_t length = at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 15, nullptr, 10);
+      size_t length =
+          at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 15, nullptr, 10);
       if (got.size() >= end + 4 + length) {
         ::close(fd);
         return {std::atoi(got.c_str() + 9), got.substr(end + 4, length)};
@@ -105,8 +106,8 @@ std::string browserMissing() {
 std::unique_ptr<Browser> Browser::start() {
   std::unique_ptr<Browser> b(new Browser);
   // chromedriver names the port it took on standard output.
-  b->driver_ = std::make_unique<Child>("/bin/sh",
-                                       std::vector<std::string>{"-c", "exec chromedriver --port=0 1>&2"});
+  b->driver_ = std::make_unique<Child>(
+      "/bin/sh", std::vector<std::string>{"-c", "exec chromedriver --port=0 1>&2"});
   auto line = b->driver_->waitForLine("started successfully on port ", in(30s));
   if (!line) {
     ADD_FAILURE() << "chromedriver did not start: " << b->driver_->stderrText();
@@ -150,8 +151,8 @@ Browser::~Browser() {
 
 json Browser::command(const std::string& method, const std::string& path, const json& body) {
   std::string payload = method == "POST" ? body.dump() : "";
-  std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
-                        std::to_string(port_) +
+  std::string request = method + " " + path +
+                        " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) +
                         "\r\nConnection: close\r\nContent-Type: application/json; charset=utf-8\r\n"
                         "Content-Length: " +
                         std::to_string(payload.size()) + "\r\n\r\n" + payload;
@@ -201,9 +202,11 @@ std::string Browser::text(const std::string& css) {
 
 std::string Browser::screenshotPng(bool whole) {
   if (whole) {
-    json size = run("return [window.outerWidth, document.documentElement.scrollHeight + "
-                    "window.outerHeight - window.innerHeight];");
-    command("POST", "/session/" + session_ + "/window/rect", {{"width", size[0]}, {"height", size[1]}});
+    json size =
+        run("return [window.outerWidth, document.documentElement.scrollHeight + "
+            "window.outerHeight - window.innerHeight];");
+    command("POST", "/session/" + session_ + "/window/rect",
+            {{"width", size[0]}, {"height", size[1]}});
   }
   json value = command("GET", "/session/" + session_ + "/screenshot");
   return value.is_string() ? base64Decode(value.get<std::string>()) : std::string();
