@@ -193,7 +193,7 @@ Result<DeviceInput> deviceFor(std::string_view input, const std::string& name) {
     if (c.name == name || c.description == name) chosen = &c;
   }
   // AVFoundation also takes a device's index.
-  if (!chosen && input == "avfoundation" && !name.empty() &&
+  if (!chosen && input == "avfoundation" && !name.empty() && name.size() <= 3 &&
       name.find_first_not_of("0123456789") == std::string::npos &&
       std::stoul(name) < cameras->size()) {
     chosen = &(*cameras)[std::stoul(name)];
@@ -209,6 +209,7 @@ Result<DeviceInput> deviceFor(std::string_view input, const std::string& name) {
   }
   // AVFoundation's default device when no name was given, as macOS picks it.
   device.url = name.empty() ? "default" : chosen->name;
+  if (name.empty()) device.label = "the default camera";
   // FFmpeg asks for 29.97 fps unless told otherwise, which most Mac cameras refuse; pixel
   // formats it falls back from by itself.
   device.options = {{"framerate", "30"}, {"pixel_format", "uyvy422"}};
