@@ -5,8 +5,11 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace zerlan::cli {
 
@@ -26,6 +29,23 @@ struct Command {
 
 // Prints "zerlan NAME: MESSAGE" and a pointer to the help to standard error; returns kExitUsage.
 int usageError(const std::string& name, const std::string& message);
+
+// Checks a --port value as the library reads ZERLAN_FRAME_PORT: decimal digits, 1 to 65535, or
+// 0 too when `zeroPicksFree`. Its error reads "abc is not a port (1 to 65535)".
+CLI::Validator portNumber(bool zeroPicksFree = false);
+
+// The port that the library, loaded into an app started from here, would fetch from:
+// ZERLAN_FRAME_PORT, else 47654. A value that names no port is ignored, as the library ignores
+// it, and `zerlan NAME` says so on standard error.
+uint16_t libraryFramePort(const std::string& name);
+
+// Of `candidates`, the one `word` is most likely a slip of the fingers for, if any.
+std::optional<std::string> closestTo(const std::string& word, const std::vector<std::string>& candidates);
+
+// "unknown option --prot: did you mean --port?" for the options among `args`, arguments that
+// `app` did not take, each with the nearest option of `app` or of a command above it; empty
+// when none of them is an option.
+std::string unknownOptions(const CLI::App* app, const std::vector<std::string>& args);
 
 Command addServe(CLI::App& zerlan);
 Command addProbe(CLI::App& zerlan);

@@ -308,7 +308,7 @@ Command addLaunch(CLI::App& zerlan) {
   app->add_option("--port", options->port,
                   "Port of the frame server the app fetches from (ZERLAN_FRAME_PORT in the app); "
                   "default: ZERLAN_FRAME_PORT here, else 47654, as 'zerlan serve' uses")
-      ->check(CLI::Range(1, 65535));
+      ->check(portNumber());
   app->add_flag("--debug", options->debug,
                 "Turn on the library's diagnostic lines (ZERLAN_DEBUG); they go to the Simulator's "
                 "log, or with --console to this terminal");

@@ -87,8 +87,7 @@ std::string describe(const FaultRequest& fault) {
   if (fault.kind == FaultKind::None) return text;
   if (fault.seconds) return text + " for " + secondsText(*fault.seconds);
   if (fault.requests)
-    return text + " for " + std::to_string(*fault.requests) +
-           (*fault.requests == 1 ? " request" : " requests");
+    return text + " for " + counted(*fault.requests, "request");
   return text + " until cleared";
 }
 
@@ -98,8 +97,8 @@ void FaultInjector::set(const FaultRequest& fault, Clock::time_point now) {
     std::lock_guard lock(mu_);
     expireLocked(now);
     if (kind_ != FaultKind::None) {
-      line = "fault " + std::string(faultName(kind_)) + " ended (" + std::to_string(applied_) +
-             " GET /frame requests got it)";
+      line = "fault " + std::string(faultName(kind_)) + " ended (" +
+             counted(applied_, "GET /frame request") + " got it)";
     }
     kind_ = fault.kind;
     until_.reset();
@@ -118,7 +117,7 @@ void FaultInjector::set(const FaultRequest& fault, Clock::time_point now) {
 void FaultInjector::expireLocked(Clock::time_point now) const {
   if (kind_ == FaultKind::None || !until_ || now < *until_) return;
   std::string line = "fault " + std::string(faultName(kind_)) + " ended after its time (" +
-                     std::to_string(applied_) + " GET /frame requests got it)";
+                     counted(applied_, "GET /frame request") + " got it)";
   kind_ = FaultKind::None;
   active_.store(false, std::memory_order_release);
   log_(line);
@@ -136,8 +135,7 @@ FaultKind FaultInjector::take() {
     ++applied_;
     counts_[static_cast<size_t>(kind)].fetch_add(1, std::memory_order_relaxed);
     if (requestsLeft_ && --*requestsLeft_ == 0) {
-      line = "fault " + std::string(faultName(kind)) + " ended after " + std::to_string(applied_) +
-             (applied_ == 1 ? " request" : " requests");
+      line = "fault " + std::string(faultName(kind)) + " ended after " + counted(applied_, "request");
       kind_ = FaultKind::None;
       active_.store(false, std::memory_order_release);
     }

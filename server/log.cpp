@@ -30,13 +30,21 @@ std::string escapeControls(std::string_view text) {
   return out;
 }
 
-Logger stderrLogger(std::string prefix) {
-  return [prefix = std::move(prefix)](const std::string& line) {
+std::string counted(uint64_t n, std::string_view one, std::string_view many) {
+  std::string text = std::to_string(n) + " ";
+  if (n == 1) return text.append(one);
+  return many.empty() ? text.append(one).append("s") : text.append(many);
+}
+
+Logger stderrLogger(std::string prefix) { return descriptorLogger(STDERR_FILENO, std::move(prefix)); }
+
+Logger descriptorLogger(int fd, std::string prefix) {
+  return [fd, prefix = std::move(prefix)](const std::string& line) {
     std::string out = prefix + escapeControls(line) + "\n";
     const char* p = out.data();
     size_t left = out.size();
     while (left > 0) {
-      ssize_t n = ::write(STDERR_FILENO, p, left);
+      ssize_t n = ::write(fd, p, left);
       if (n <= 0) return;
       p += n;
       left -= static_cast<size_t>(n);

@@ -231,8 +231,7 @@ bool ScenarioPlayer::sleepUntil(Clock::time_point until) {
 void ScenarioPlayer::play() {
   const auto started = Clock::now();
   const size_t count = scenario_.steps.size();
-  log_("scenario " + scenario_.name + ": " + std::to_string(count) +
-       (count == 1 ? " step" : " steps"));
+  log_("scenario " + scenario_.name + ": " + counted(count, "step"));
   uint64_t servedAtLastStep = server_.totals().framesServed;
   for (size_t i = 0; i < count; ++i) {
     const ScenarioStep& step = scenario_.steps[i];
