@@ -39,10 +39,12 @@ constexpr auto kLingerTime = 2s;
 constexpr size_t kLingerMaxBytes = 1 << 20;
 // A bounded batch keeps one thread from taking every connection of a burst.
 constexpr int kAcceptBatch = 64;
-// The slow fault sends a frame in this many pieces, one per period: about two seconds, with
-// gaps short enough that a client's read time-out (the library's is one second) never fires.
-constexpr size_t kSlowPieces = 20;
+// The slow fault sends a frame in this many pieces, one per period: about a second, late but
+// well inside the library's 2 s for a frame even on a loaded machine, with gaps short enough
+// that a client's read time-out (the library's is one second) never fires.
+constexpr size_t kSlowPieces = 10;
 constexpr auto kSlowPeriod = 100ms;
+constexpr std::string_view kNoFrameYet = "no frame yet: the source has not produced one; try again";
 
 std::string errnoText(int err) { return std::strerror(err); }
 
@@ -152,6 +154,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void injectFault(FaultKind fault, std::shared_ptr<const Frame> frame);
   void trickle();
   void respondError(int status, const std::string& reason, std::string_view extraHeaders = {});
+  void respondUnavailable(std::string_view reason, bool headOnly = false);
+  // Sends a complete response, counted as a request.
+  void answer(std::string response, int status);
+  // zerlan serve -v: one line per answer, for someone following an app's fetches.
+  void logAnswer(const std::string& what);
   void send(const char* data, size_t size);
   void write();
   void onWritten(const asio::error_code& error, size_t n);
@@ -173,6 +180,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool continued_ = false;  // sent "100 Continue"
   size_t discarded_ = 0;
   std::string request_;  // "GET /path", for log lines
+  FaultKind fault_ = FaultKind::None;  // the fault this GET /frame got
+  Clock::time_point started_ = Clock::now();
   std::array<char, 4096> buffer_;
   std::unique_ptr<asio::steady_timer> slowTimer_;  // only while the slow fault sends
 };
@@ -434,9 +443,8 @@ bool Worker::shedOneConnection() {
 
 void Worker::refuseBusy(int fd) {
   const ServingContext& ctx = context();
-  static constexpr std::string_view busy =
-      "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain\r\nContent-Length: 29\r\n"
-      "Connection: close\r\nRetry-After: 1\r\n\r\ntoo many clients; try again\r\n";
+  static const std::string busy =
+      http::errorResponse(503, "too many clients; try again", "Retry-After: 1\r\n");
   (void)!platform::sendNow(fd, busy.data(), busy.size());
   ::close(fd);
   ctx.requests.add();
@@ -617,9 +625,7 @@ void Connection::dispatch(const http::Request& req) {
     }
     if (!frame) {
       // Not the client's fault, and a polling client would flood the log: answer, don't log.
-      return respond(503, "text/plain; charset=utf-8",
-                     "no frame yet: the source has not produced one; try again\n",
-                     "Retry-After: 1\r\n", head);
+      return respondUnavailable(kNoFrameYet, head);
     }
     ctx_.requests.add();
     if (!head && panel) ctx_.panelFrames.add();
@@ -628,6 +634,8 @@ void Connection::dispatch(const http::Request& req) {
       ctx_.fetches.record(frame->index);
     }
     frame_ = std::move(frame);
+    logAnswer("200, frame index " + std::to_string(frame_->index) + ", " +
+              counted(frame_->jpeg().size(), "byte") + " of JPEG");
     return send(frame_->wire.data(), head ? frame_->headSize : frame_->wire.size());
   }
   if (req.path == "/status") {
@@ -681,17 +689,17 @@ void Connection::dispatch(const http::Request& req) {
 // Faults are what the test asked for, not the client's doing: counted by the injector and in
 // the requests, never as errors, and not logged one by one.
 void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame) {
+  fault_ = fault;
   const bool needsFrame = fault == FaultKind::Slow || fault == FaultKind::Truncate;
   if (needsFrame && !frame) {
-    return respond(503, "text/plain; charset=utf-8",
-                   "no frame yet: the source has not produced one; try again\n",
-                   "Retry-After: 1\r\n");
+    return respondUnavailable(kNoFrameYet);
   }
   switch (fault) {
     case FaultKind::None:
       return;
     case FaultKind::Refuse: {
       ctx_.requests.add();
+      logAnswer("reset");
       // A zero linger time makes the close a reset, as a camera process that died would.
       linger abort{1, 0};
       ::setsockopt(socket_.native_handle(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
@@ -701,6 +709,7 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
       // Held open, silent, until the server's time-out closes it (see expire) or the client
       // goes. The pending read keeps the connection alive meanwhile.
       ctx_.requests.add();
+      logAnswer("nothing sent");
       phase_ = Phase::Stalled;
       worker_.setDeadline(this, Timer::Io, ctx_.options.timeout);
       return read();
@@ -709,6 +718,7 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
       ctx_.framesServed.add();
       ctx_.fetches.record(frame->index);
       frame_ = std::move(frame);
+      logAnswer("200, frame index " + std::to_string(frame_->index) + ", sent piece by piece");
       sendPtr_ = frame_->wire.data();
       sendLeft_ = frame_->wire.size();
       slowTimer_ = std::make_unique<asio::steady_timer>(worker_.io());
@@ -722,11 +732,11 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
       // The head promises the whole JPEG; half of it comes before the close.
       ctx_.requests.add();
       frame_ = std::move(frame);
+      logAnswer("200, frame index " + std::to_string(frame_->index) + ", cut at half its JPEG");
       return send(frame_->wire.data(), frame_->headSize + frame_->jpeg().size() / 2);
     case FaultKind::HttpError:
-      return respond(503, "text/plain; charset=utf-8",
-                     "fault \"http-error\" injected on GET /frame (POST /control "
-                     "{\"fault\": \"none\"} clears it)\n");
+      return respondUnavailable(
+          "fault \"http-error\" injected on GET /frame (POST /control {\"fault\": \"none\"} clears it)");
   }
 }
 
@@ -753,13 +763,21 @@ void Connection::trickle() {
 void Connection::onControlAnswer(std::string response) {
   if (phase_ != Phase::Control) return;  // closed while the control thread worked
   out_ = std::move(response);
+  int status = 0;
+  std::sscanf(out_.c_str(), "HTTP/1.1 %d", &status);
+  logAnswer(std::to_string(status) + ", " + counted(out_.size(), "byte"));
   send(out_.data(), out_.size());
 }
 
 void Connection::respond(int status, std::string_view type, std::string body,
                          std::string_view extraHeaders, bool headOnly) {
+  answer(http::response(status, type, body, extraHeaders, headOnly), status);
+}
+
+void Connection::answer(std::string response, int status) {
   ctx_.requests.add();
-  out_ = http::response(status, type, body, extraHeaders, headOnly);
+  out_ = std::move(response);
+  logAnswer(std::to_string(status) + ", " + counted(out_.size(), "byte"));
   send(out_.data(), out_.size());
 }
 
@@ -769,7 +787,22 @@ void Connection::respondError(int status, const std::string& reason,
   std::string what = request_.empty() ? "" : " for " + request_;
   ctx_.errorLog(std::to_string(status) + what + " from " + peerOf(socket_.native_handle()) +
                 ": " + reason);
-  respond(status, "text/plain; charset=utf-8", reason + "\n", extraHeaders);
+  answer(http::errorResponse(status, reason, extraHeaders), status);
+}
+
+void Connection::respondUnavailable(std::string_view reason, bool headOnly) {
+  answer(http::errorResponse(503, reason, "Retry-After: 1\r\n", headOnly), 503);
+}
+
+void Connection::logAnswer(const std::string& what) {
+  if (!ctx_.options.logRequests) return;
+  char ms[32];
+  std::snprintf(ms, sizeof ms, "%.1f",
+                std::chrono::duration<double, std::milli>(Clock::now() - started_).count());
+  ctx_.log((request_.empty() ? std::string("a request") : request_) + " from " +
+           peerOf(socket_.native_handle()) + ": " + what +
+           (fault_ == FaultKind::None ? "" : " (fault " + std::string(faultName(fault_)) + ")") +
+           ", " + ms + " ms after it connected");
 }
 
 void Connection::send(const char* data, size_t size) {
@@ -820,8 +853,7 @@ void Connection::expire() {
     case Phase::Reading:
       // A silent connection is not an error: browsers open spare ones and leave them idle.
       if (!in_.empty()) {
-        std::string r = http::response(408, "text/plain",
-                                       "the request did not arrive in time; send it whole\n");
+        std::string r = http::errorResponse(408, "the request did not arrive in time; send it whole");
         (void)!platform::sendNow(fd, r.data(), r.size());
         ctx_.requests.add();
         ctx_.errors.add();
@@ -915,7 +947,7 @@ Result<int> listenOn(const std::string& host, uint16_t port, uint16_t& boundPort
                     " is held by a connection, not by a server (a client socket bound to it, "
                     "open or closing in TIME_WAIT): wait a minute for it to go, or try --port");
       }
-      return fail("port " + p + " is in use (is another zerlan serve running? try --port)");
+      return Error{"port " + p + " is in use by another server: stop it, or try --port", 400, EADDRINUSE};
     case EACCES:
       return fail("no permission to listen on port " + p +
                   " (ports below 1024 need root): try --port with a port above 1023");

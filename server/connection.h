@@ -87,6 +87,7 @@ struct ServingContext {
   std::function<void()> everySecond;  // called about once a second on one serving thread
   FetchTally& fetches;    // GET /frame answered with a frame
   FaultInjector& faults;  // consulted for every GET /frame
+  const Logger& log;      // every answer, when options.logRequests
 };
 
 // Whether `authority` (a Host value, or the host and port of an Origin) names this server:
@@ -98,7 +99,8 @@ bool namesThisServer(std::string_view authority, uint16_t port, std::string_view
 class Listener {
  public:
   // Binds and listens on options.host and options.port. Fails with one line that names the
-  // cause and what to do (port in use, no permission, address not on this machine).
+  // cause and what to do (port in use, no permission, address not on this machine); when a
+  // server holds the port, the error's systemError is EADDRINUSE.
   static Result<std::unique_ptr<Listener>> open(const ServingContext& context);
   ~Listener();  // stops
   Listener(const Listener&) = delete;

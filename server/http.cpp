@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 namespace zerlan::server::http {
 
@@ -296,6 +297,14 @@ std::string response(int status, std::string_view contentType, std::string_view 
   out.append("\r\n");
   if (!headOnly) out.append(body);
   return out;
+}
+
+std::string errorResponse(int status, std::string_view reason, std::string_view extraHeaders,
+                          bool headOnly) {
+  std::string body = nlohmann::json{{"error", reason}}.dump(
+                         -1, ' ', false, nlohmann::json::error_handler_t::replace) +
+                     "\n";
+  return response(status, "application/json", body, extraHeaders, headOnly);
 }
 
 }  // namespace zerlan::server::http

@@ -52,4 +52,9 @@ std::optional<std::string> queryParam(std::string_view target, std::string_view 
 std::string response(int status, std::string_view contentType, std::string_view body,
                      std::string_view extraHeaders = {}, bool headOnly = false);
 
+// An error answer, as the server gives every one whatever its status: JSON {"error": REASON}
+// (bytes of the reason that are not UTF-8 are replaced), for scripts and the status page alike.
+std::string errorResponse(int status, std::string_view reason, std::string_view extraHeaders = {},
+                          bool headOnly = false);
+
 }  // namespace zerlan::server::http

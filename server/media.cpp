@@ -214,6 +214,11 @@ double MediaReader::frameRate() const {
 
 std::string MediaReader::codecName() const { return s_->codec->codec->name; }
 
+double MediaReader::duration() const {
+  const int64_t length = s_->format->duration;
+  return length == AV_NOPTS_VALUE || length <= 0 ? 0 : static_cast<double>(length) / AV_TIME_BASE;
+}
+
 Result<std::optional<MediaFrame>> MediaReader::receive(std::optional<Size> size, bool& got) {
   State& s = *s_;
   got = false;

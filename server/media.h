@@ -51,6 +51,7 @@ class MediaReader {
   Size size() const;
   double frameRate() const;  // 0 when unknown
   std::string codecName() const;
+  double duration() const;  // seconds, as the file records its length; 0 when it does not
 
  private:
   MediaReader() = default;

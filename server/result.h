@@ -11,6 +11,7 @@ namespace zerlan::server {
 struct Error {
   std::string message;
   int status = 400;  // the HTTP status it answers with, where it reaches a client
+  int systemError = 0;  // the errno behind it, where a caller may want to look further
 };
 
 inline Error fail(std::string message) { return Error{std::move(message)}; }

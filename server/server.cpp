@@ -41,7 +41,7 @@ struct Server::Impl {
         log(std::move(l)),
         errorLog(log),
         settings(s),
-        producer(store, settings, log),
+        producer(store, settings, log, o.nothingToServe),
         faults(log) {}
 
   nlohmann::json status() const;
@@ -393,8 +393,7 @@ Result<nlohmann::json> Server::Impl::controlStep(const nlohmann::json& request) 
   const auto n = value.get<uint64_t>();
   uint64_t steps = 0;
   uint64_t version = settings.update([&](FrameSettings& s) { steps = s.steps += n; });
-  log("stepped " + std::to_string(n) + (n == 1 ? " frame" : " frames") + " (" +
-      std::to_string(steps) + " steps so far)");
+  log("stepped " + counted(n, "frame") + " (" + counted(steps, "step") + " so far)");
   store.waitFor([version](const Frame& f) { return f.tag >= version; }, Clock::now() + kControlWait);
   return status();
 }
@@ -442,8 +441,7 @@ void Server::Impl::controlLoop() {
       errors.add();
       int code = result.error().status;
       errorLog(std::to_string(code) + " for " + job.request + ": " + result.error().message);
-      response = http::response(code, "application/json",
-                                dumpJson({{"error", result.error().message}}) + "\n");
+      response = http::errorResponse(code, result.error().message);
     }
     job.reply(std::move(response));
   }
@@ -490,7 +488,8 @@ Result<std::unique_ptr<Server>> Server::start(const ServerOptions& options,
                          [p](ControlJob job) { p->submitControl(std::move(job)); },
                          [p] { p->sampleRate(Clock::now()); },
                          p->fetches,
-                         p->faults};
+                         p->faults,
+                         p->log};
   auto listener = Listener::open(serving);
   if (!listener) return listener.error();
   impl->listener = std::move(listener.value());

@@ -40,6 +40,10 @@ struct ServerOptions {
   size_t maxHeadBytes = 8192;       // request line and headers, blank line included
   size_t maxBodyBytes = 64 * 1024;  // POST /control body
   size_t maxClients = 10000;        // connections open at once; more are refused with 503
+  bool logRequests = false;         // a log line for every answer (zerlan serve -v)
+  // When the source can never give a frame (a stream that ended before its first); the server
+  // keeps answering, with 503 for GET /frame. Called on a thread of the server's.
+  NothingToServe nothingToServe;
 };
 
 struct ServerTotals {

@@ -512,8 +512,8 @@ class StreamSource final : public Source {
                                            : "MJPEG stream on file descriptor " + std::to_string(fd_);
     uint64_t skipped = skipped_.load(std::memory_order_relaxed), bad = badFrames_.load(std::memory_order_relaxed);
     if (skipped || bad)
-      text += " (" + std::to_string(skipped) + " bytes outside any JPEG skipped, " + std::to_string(bad) +
-              " frames that are no JPEG)";
+      text += " (" + counted(skipped, "byte") + " outside any JPEG skipped, " +
+              counted(bad, "frame that is", "frames that are") + " no JPEG)";
     return text;
   }
 
@@ -571,14 +571,20 @@ class StreamSource final : public Source {
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n <= 0) {
           if (stepped && n == 0 && !queued.empty()) {
-            ctx.log("the MJPEG stream ended; " + std::to_string(queued.size()) +
-                    " frames are left to step through");
+            ctx.log("the MJPEG stream ended; " + counted(queued.size(), "frame is", "frames are") +
+                    " left to step through");
             ended = true;
             continue;
           }
-          ctx.log(n == 0 ? (received ? "the MJPEG stream ended; keeping the last frame"
-                                     : "the MJPEG stream ended before a complete JPEG arrived")
-                         : std::string("cannot read the MJPEG stream: ") + std::strerror(errno));
+          std::string why = n == 0 ? "the MJPEG stream ended" : std::string("cannot read the MJPEG stream: ") +
+                                                                   std::strerror(errno);
+          if (received) {
+            ctx.log(why + " after " + counted(received, "frame") + "; serving its last frame until stopped");
+          } else {
+            ctx.log(why + " before a complete JPEG arrived: there is nothing to serve (did the program "
+                          "writing the stream fail?)");
+            if (ctx.nothingToServe) ctx.nothingToServe();
+          }
           idleUntilStopped(stop, ctx.settings);
           break;
         }
@@ -775,8 +781,8 @@ Result<std::unique_ptr<Source>> openSource(const SourceChoice& choice,
   return fail("unknown source kind");
 }
 
-Producer::Producer(FrameStore& store, LiveSettings& settings, Logger log)
-    : store_(store), settings_(settings), log_(std::move(log)) {}
+Producer::Producer(FrameStore& store, LiveSettings& settings, Logger log, NothingToServe nothingToServe)
+    : store_(store), settings_(settings), log_(std::move(log)), nothingToServe_(std::move(nothingToServe)) {}
 
 Producer::~Producer() { stop(); }
 
@@ -801,7 +807,7 @@ uint64_t Producer::start(std::unique_ptr<Source> source) {
   uint64_t last = store_.nextNumber() - 1;
   stop_ = std::make_unique<StopSignal>();
   thread_ = std::thread([this, running, stop = stop_.get()] {
-    SourceContext context{store_, settings_, log_};
+    SourceContext context{store_, settings_, log_, nothingToServe_};
     running->run(*stop, context);
   });
   return last;

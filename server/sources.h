@@ -6,6 +6,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -88,11 +89,16 @@ struct SourceChoice {
 
 std::string_view kindName(SourceChoice::Kind kind);
 
+// Called when a source can never give a frame (a stream that ended before its first): there
+// is nothing to serve. Runs on the producer thread.
+using NothingToServe = std::function<void()>;
+
 // What a running source needs from the producer.
 struct SourceContext {
   FrameStore& store;
   const LiveSettings& settings;
   const Logger& log;
+  const NothingToServe& nothingToServe;  // may be empty
 };
 
 class Source {
@@ -114,7 +120,7 @@ Result<std::unique_ptr<Source>> openSource(const SourceChoice& choice,
 // Owns the producer thread and the source it runs.
 class Producer {
  public:
-  Producer(FrameStore& store, LiveSettings& settings, Logger log);
+  Producer(FrameStore& store, LiveSettings& settings, Logger log, NothingToServe nothingToServe = {});
   ~Producer();
   Producer(const Producer&) = delete;
   Producer& operator=(const Producer&) = delete;
@@ -131,6 +137,7 @@ class Producer {
   FrameStore& store_;
   LiveSettings& settings_;
   Logger log_;
+  NothingToServe nothingToServe_;
   std::mutex lifecycleMu_;  // start and stop, one at a time
   mutable std::mutex mu_;   // source_, for readers on other threads
   std::unique_ptr<Source> source_;

@@ -104,7 +104,7 @@ TEST_F(ImageServer, BadRequestsGetTheRightStatus) {
     Reply r = roundTrip(s.port(), c.request);
     EXPECT_EQ(r.status, c.status) << c.request;
     EXPECT_TRUE(r.closedByServer) << c.request;
-    EXPECT_FALSE(r.body.empty()) << "an error says what is wrong: " << c.request;
+    EXPECT_TRUE(errorReason(r)) << "an error says what is wrong, as JSON: " << c.request << r.raw;
     if (!c.allow.empty()) EXPECT_EQ(r.headers["allow"], c.allow) << c.request;
   }
   // A TLS client is told at once, without waiting for a blank line that never comes.
@@ -257,6 +257,7 @@ TEST(ServeHttp, ClientsBeyondTheLimitAreTurnedAway) {
   Reply over = roundTrip(s.port(), kLibraryRequest);
   EXPECT_EQ(over.status, 503);
   EXPECT_EQ(over.headers["retry-after"], "1");
+  EXPECT_TRUE(errorReason(over)) << over.raw;
   sendAll(third, kLibraryRequest);
   EXPECT_EQ(readReply(third, in(5s)).status, 200);
   ::close(third);
@@ -328,6 +329,7 @@ TEST(ServeHttp, SlowClientsAreDroppedWithoutHoldingUpOthers) {
   EXPECT_TRUE(cutOffWhileSending);
   Reply slow = readReply(trickle, in(5s));
   EXPECT_EQ(slow.status, 408) << "a request trickling in is cut off: " << slow.raw;
+  EXPECT_TRUE(errorReason(slow)) << slow.raw;
   EXPECT_TRUE(s.log->waitFor("stopped reading its response", in(5s)));
   std::string got;
   EXPECT_TRUE(waitForClose(reader, in(5s), &got)) << "a client that stops reading is dropped";

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <set>
 
 #include "support.h"
@@ -200,7 +201,10 @@ TEST(Sources, VideoPlaysScaledAndLoops) {
 TEST(Sources, StreamFramesReplaceEachOther) {
   int fds[2];
   ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-  auto s = startServer(SourceChoice::stream(fds[0]));
+  std::atomic<int> nothingToServe{0};
+  server::ServerOptions options;
+  options.nothingToServe = [&] { ++nothingToServe; };
+  auto s = startServer(SourceChoice::stream(fds[0]), {}, options);
   ASSERT_TRUE(s.server);
   EXPECT_EQ(get(s.port(), "/frame").status, 503) << "nothing to serve before the first frame";
 
@@ -220,10 +224,32 @@ TEST(Sources, StreamFramesReplaceEachOther) {
   EXPECT_EQ(s.server->status()["width"], 32);
 
   ::close(fds[1]);
-  EXPECT_TRUE(s.log->waitFor("the MJPEG stream ended; keeping the last frame", in(5s)));
+  EXPECT_TRUE(s.log->waitFor("the MJPEG stream ended after 2 frames; serving its last frame", in(5s)));
   EXPECT_EQ(get(s.port(), "/frame").body, b);
+  EXPECT_EQ(nothingToServe, 0) << "the last frame is still something to serve";
   s.server->stop();
   ::close(fds[0]);
+}
+
+TEST(Sources, AStreamThatEndsBeforeItsFirstFrameLeavesNothingToServe) {
+  for (const std::string& before : {std::string(), "--boundary\r\n" + solidJpeg(64, 48, kRed).substr(0, 300)}) {
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+    std::atomic<int> nothingToServe{0};
+    server::ServerOptions options;
+    options.nothingToServe = [&] { ++nothingToServe; };
+    auto s = startServer(SourceChoice::stream(fds[0]), {}, options);
+    ASSERT_TRUE(s.server);
+    ASSERT_TRUE(sendAll(fds[1], before));
+    ::close(fds[1]);
+    EXPECT_TRUE(s.log->waitFor("the MJPEG stream ended before a complete JPEG arrived: there is nothing to serve",
+                               in(5s)));
+    for (auto until = in(5s); nothingToServe == 0 && Clock::now() < until;) std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(nothingToServe, 1) << "told once";
+    EXPECT_EQ(get(s.port(), "/frame").status, 503) << "the server still answers meanwhile";
+    s.server->stop();
+    ::close(fds[0]);
+  }
 }
 
 TEST(Sources, AStreamThatIsNoMjpegSaysWhatWasExpectedAndIsCounted) {

@@ -114,6 +114,15 @@ Reply roundTrip(uint16_t port, std::string_view raw, Clock::duration limit) {
   return r;
 }
 
+std::optional<std::string> errorReason(const Reply& reply) {
+  if (reply.headers.count("content-type") == 0 || reply.headers.at("content-type") != "application/json") return {};
+  auto body = nlohmann::json::parse(reply.body, nullptr, false);
+  if (!body.is_object() || !body.contains("error") || !body["error"].is_string()) return {};
+  auto reason = body["error"].get<std::string>();
+  if (reason.empty()) return {};
+  return reason;
+}
+
 Reply post(uint16_t port, const std::string& path, const std::string& body) {
   return roundTrip(port, "POST " + path +
                              " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: "

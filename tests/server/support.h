@@ -72,6 +72,10 @@ bool eventually(F condition, Clock::duration limit = 10s) {
   return true;
 }
 
+// The reason an error answer gives: the server answers every error as JSON {"error": REASON}.
+// Nothing when the answer is not that (another type, no JSON, no "error" text).
+std::optional<std::string> errorReason(const Reply& reply);
+
 // True when the server closes `fd` (EOF or reset) before `deadline`; bytes that arrive first
 // are appended to `received` if given.
 bool waitForClose(int fd, Clock::time_point deadline, std::string* received = nullptr);
