@@ -15,9 +15,7 @@
 
 #include "cli/command.h"
 #include "cli/loopback.h"
-#include "server/result.h"
-#include "server/server.h"
-#include "transport/FramePort.h"
+#include "server/log.h"
 
 namespace zerlan::cli {
 
@@ -30,9 +28,9 @@ using nlohmann::json;
 constexpr int kExitRefused = 3;
 
 constexpr const char* kCtlExitCodes =
-    "Exit codes: 0 done (wait: the frames were fetched); 1 no server answers on the port, or "
-    "wait timed out; 2 bad command line; 3 the server refused the request (its reason is "
-    "printed).";
+    "Exit codes: 0 done (wait: the frames were fetched); 1 no frame server answers on the port "
+    "(nothing listens, or another program does), or wait timed out; 2 bad command line; 3 the "
+    "server refused the request (its reason is printed).";
 
 // How long a control request may take: switching to a large video opens and decodes it.
 constexpr int kAnswerSeconds = 30;
@@ -54,46 +52,38 @@ struct CtlOptions {
 };
 
 // The port from the command line, or the one the library uses (ZERLAN_FRAME_PORT, 47654).
-int portOf(const CtlOptions& o) { return o.port != 0 ? o.port : ZerlanFramePort(); }
-
-// One request to 127.0.0.1:port. Fails when nothing answers, or something that is no HTTP server.
-server::Result<HttpAnswer> exchange(int port, const std::string& method, const std::string& path,
-                                    const std::string& body = {}) {
-  auto answer = loopbackRequest(static_cast<uint16_t>(port), method, path, body,
-                                std::chrono::seconds(kAnswerSeconds));
-  if (!answer) {
-    return server::fail("no frame server answers on 127.0.0.1:" + std::to_string(port) +
-                        ": start one with 'zerlan serve' (or name its port with --port)");
-  }
-  if (answer->status == 0) {
-    return server::fail("something on 127.0.0.1:" + std::to_string(port) +
-                        " answered, but not as zerlan serve does: is it another program?");
-  }
-  return *answer;
-}
+int portOf(const CtlOptions& o) { return o.port != 0 ? o.port : libraryFramePort("ctl"); }
 
 int runtimeError(const std::string& name, const std::string& message) {
   std::cerr << "zerlan ctl " << name << ": " << message << "\n";
   return kExitRuntime;
 }
 
-// The server's JSON answer, or the exit code that ends the command.
+// The server's JSON answer, or the exit code that ends the command. Every answer of a zerlan
+// server to GET /status and to an accepted POST /control is its status; any other answer is a
+// refusal only when a zerlan server gave it.
 std::variant<json, int> ask(const std::string& name, int port, const std::string& method,
                             const std::string& path, const std::string& body = {}) {
-  auto answer = exchange(port, method, path, body);
-  if (!answer) return runtimeError(name, answer.error().message);
+  auto answer = loopbackRequest(static_cast<uint16_t>(port), method, path, body,
+                                std::chrono::seconds(kAnswerSeconds));
+  const std::string noServer = "no frame server answers on 127.0.0.1:" + std::to_string(port) +
+                               ": start one with 'zerlan serve' (or name its port with --port)";
+  if (!answer) return runtimeError(name, noServer);
   json parsed = json::parse(answer->body, nullptr, false);
-  if (answer->status != 200) {
-    std::string reason = parsed.is_object() && parsed.contains("error") && parsed["error"].is_string()
-                             ? parsed["error"].get<std::string>()
-                             : answer->body;
-    while (!reason.empty() && reason.back() == '\n') reason.pop_back();
-    std::cerr << "zerlan ctl " << name << ": the server refused it (HTTP " << answer->status
-              << "): " << reason << "\n";
-    return kExitRefused;
+  if (answer->status == 200 && isZerlanStatus(parsed)) return parsed;
+  PortHolder holder = whoListens(static_cast<uint16_t>(port));
+  if (holder.kind == PortHolder::Kind::Nothing) return runtimeError(name, noServer);
+  if (holder.kind == PortHolder::Kind::Other) {
+    return runtimeError(name, foreignListenerText(static_cast<uint16_t>(port), holder) +
+                                  ", or name the frame server's port with --port");
   }
-  if (!parsed.is_object()) return runtimeError(name, "the server's answer is not JSON: " + answer->body);
-  return parsed;
+  std::string reason = parsed.is_object() && parsed.contains("error") && parsed["error"].is_string()
+                           ? parsed["error"].get<std::string>()
+                           : answer->body;
+  while (!reason.empty() && reason.back() == '\n') reason.pop_back();
+  std::cerr << "zerlan ctl " << name << ": the server refused it (HTTP " << answer->status
+            << "): " << reason << "\n";
+  return kExitRefused;
 }
 
 int control(const std::string& name, int port, const json& request,
@@ -146,7 +136,7 @@ std::string faultText(const json& f) {
     std::snprintf(left, sizeof left, "%.1f", f["seconds_left"].get<double>());
     text += std::string(", ") + left + " s left";
   } else if (f.contains("requests_left") && f["requests_left"].is_number()) {
-    text += ", " + std::to_string(f["requests_left"].get<int64_t>()) + " requests left";
+    text += ", " + server::counted(f["requests_left"].get<uint64_t>(), "request") + " left";
   } else {
     text += " until cleared";
   }
@@ -205,8 +195,8 @@ int runWait(const CtlOptions& o) {
     const int64_t fetched = std::get<int64_t>(now) - start;
     if (fetched >= o.fetches) return kExitOk;
     if (Clock::now() >= deadline) {
-      std::cerr << "zerlan ctl wait: " << fetched << " of " << o.fetches
-                << " frames were fetched in " << o.timeout
+      std::cerr << "zerlan ctl wait: only " << fetched << " of " << server::counted(o.fetches, "frame")
+                << " fetched in " << o.timeout
                 << " s: is the app running, and fetching from port " << port << "?\n";
       return kExitRuntime;
     }
@@ -227,7 +217,7 @@ Command addCtl(CLI::App& zerlan) {
   ctl->allow_extras();
   ctl->add_option("--port", o->port,
                   "Port of the frame server on 127.0.0.1 (default: ZERLAN_FRAME_PORT, else 47654)")
-      ->check(CLI::Range(1, 65535));
+      ->check(portNumber());
   ctl->footer(std::string(
                   "Examples:\n"
                   "  zerlan ctl qr 'LOGIN-42'             show a new QR code on the test pattern\n"
@@ -265,13 +255,13 @@ Command addCtl(CLI::App& zerlan) {
   runs.emplace_back(step, [o] {
     return control("step", portOf(*o), {{"step", o->step}}, [](const json& s) {
       return "frame index " + std::to_string(s.value("frame_index", 0)) + " after " +
-             std::to_string(s.value("steps", 0)) + " steps";
+             server::counted(s.value("steps", uint64_t{0}), "step");
     });
   });
 
   auto* fault = ctl->add_subcommand(
       "fault",
-      "Make GET /frame fail: refuse (reset), stall (send nothing), slow (about 2 s per frame), "
+      "Make GET /frame fail: refuse (reset), stall (send nothing), slow (about 1 s per frame), "
       "garbage (no image), truncate (half a JPEG), http-error (503); none clears.");
   fault->add_option("KIND", o->fault, "refuse, stall, slow, garbage, truncate, http-error or none")
       ->required()
@@ -298,14 +288,25 @@ Command addCtl(CLI::App& zerlan) {
     sub->footer(kCtlExitCodes);
   }
   return Command{ctl, [ctl, runs] {
+                   std::vector<std::string> names;
                    for (const auto& [sub, run] : runs) {
-                     if (sub->parsed()) return run();
+                     // ctl takes what its action leaves over, so an action's mistyped option
+                     // lands here.
+                     if (sub->parsed() && ctl->remaining().empty()) return run();
+                     if (sub->parsed()) {
+                       std::string unknown = unknownOptions(sub, ctl->remaining());
+                       return usageError("ctl " + sub->get_name(),
+                                         unknown.empty() ? "unexpected " + ctl->remaining().front() : unknown);
+                     }
+                     names.push_back(sub->get_name());
                    }
                    const std::string actions =
                        "use qr, image, source, step, fault, status or wait";
                    auto extra = ctl->remaining();
                    if (extra.empty()) return usageError("ctl", "name an action: " + actions);
-                   return usageError("ctl", "unknown action \"" + extra.front() + "\": " + actions);
+                   std::string near;
+                   if (auto guess = closestTo(extra.front(), names)) near = ": did you mean " + *guess + "?";
+                   return usageError("ctl", "unknown action \"" + extra.front() + "\"" + near + " (" + actions + ")");
                  }};
 }
 

@@ -57,4 +57,49 @@ std::optional<HttpAnswer> loopbackRequest(uint16_t port, const std::string& meth
   return answer;
 }
 
+bool isZerlanStatus(const nlohmann::json& status) {
+  return status.is_object() && status.contains("address") && status["address"].is_string() &&
+         status.contains("source_kind") && status["source_kind"].is_string() &&
+         status.contains("frames_served") && status["frames_served"].is_number() &&
+         status.contains("mode") && status["mode"].is_string();
+}
+
+PortHolder whoListens(uint16_t port) {
+  auto answer = loopbackRequest(port, "GET", "/status", {}, std::chrono::seconds(2));
+  if (!answer) return {};
+  if (answer->status == 0) return {PortHolder::Kind::Other, "it does not answer HTTP"};
+  auto status = nlohmann::json::parse(answer->body, nullptr, false);
+  if (answer->status == 200 && isZerlanStatus(status)) {
+    return {PortHolder::Kind::Zerlan, status["address"].get<std::string>() + ", serving " +
+                                          status.value("source", std::string("?"))};
+  }
+  return {PortHolder::Kind::Other, "its GET /status answers HTTP " + std::to_string(answer->status) +
+                                       (answer->status == 200 ? " with no zerlan status" : "")};
+}
+
+std::string findListenerCommand(uint16_t port) {
+  const std::string p = std::to_string(port);
+  return platform::kSystemName == "macOS" ? "lsof -i :" + p : "ss -ltnp 'sport = :" + p + "'";
+}
+
+std::string foreignListenerText(uint16_t port, const PortHolder& holder) {
+  return "another program, not a zerlan frame server, listens on 127.0.0.1:" + std::to_string(port) + " (" +
+         holder.description + "): find it with " + findListenerCommand(port) + " and stop it";
+}
+
+std::string portTakenText(uint16_t port) {
+  const std::string taken = "port " + std::to_string(port) + " is in use";
+  PortHolder holder = whoListens(port);
+  switch (holder.kind) {
+    case PortHolder::Kind::Zerlan:
+      return taken + " by another zerlan serve (" + holder.description + "): stop it (find it with " +
+             findListenerCommand(port) + ")";
+    case PortHolder::Kind::Other:
+      return taken + ": " + foreignListenerText(port, holder);
+    case PortHolder::Kind::Nothing:
+      break;
+  }
+  return taken + ": find what holds it with " + findListenerCommand(port) + " and stop it";
+}
+
 }  // namespace zerlan::cli

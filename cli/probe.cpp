@@ -15,15 +15,17 @@
 #include <optional>
 #include <string>
 #include <filesystem>
+#include <map>
 #include <thread>
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/loopback.h"
 #include "server/image.h"
+#include "server/log.h"
 #include "server/platform.h"
 #include "server/qr_reader.h"
 #include "transport/FetchJPEG.h"
-#include "transport/FramePort.h"
 
 namespace zerlan::cli {
 
@@ -32,7 +34,7 @@ namespace {
 struct ProbeOptions {
   int count = 1;
   int intervalMs = 100;
-  int port = ZerlanFramePort();  // where the library in an app started from here would fetch
+  int port = 0;  // 0: where the library in an app started from here would fetch
   std::string save;
   bool json = false;
 };
@@ -74,82 +76,147 @@ std::optional<std::string> checkSavePath(const std::string& save) {
   return std::nullopt;
 }
 
-int run(const ProbeOptions& options) {
+// What one fetch came to, as the app would see it. Only Frame reaches the app: the library drops
+// bytes that do not decode.
+enum class Verdict { Frame, Undecodable, NoFrame, NoServer };
+
+constexpr const char* verdictName(Verdict v) {
+  switch (v) {
+    case Verdict::Frame:
+      return "frame";
+    case Verdict::Undecodable:
+      return "undecodable";
+    case Verdict::NoFrame:
+      return "no frame";
+    case Verdict::NoServer:
+      return "no server";
+  }
+  return "?";
+}
+
+struct Fetch {
+  Verdict verdict = Verdict::NoFrame;
+  std::string bytes;
+  double ms = 0;
+  std::optional<Decoded> decoded;
+};
+
+Fetch fetchOnce(const sockaddr_in& endpoint, int port) {
   using Clock = std::chrono::steady_clock;
+  objc::AutoreleasePool pool;
+  Fetch f;
+  auto start = Clock::now();
+  objc::Strong<> frame = transport::fetchJPEG(endpoint);
+  f.ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  if (!frame) {
+    f.verdict = somethingListens(port) ? Verdict::NoFrame : Verdict::NoServer;
+    return f;
+  }
+  auto* data = objc::send<const char*>(frame, objc::sel<"bytes">());
+  f.bytes.assign(data, objc::send<unsigned long>(frame, objc::sel<"length">()));
+  f.decoded = decode(f.bytes);
+  f.verdict = f.decoded ? Verdict::Frame : Verdict::Undecodable;
+  return f;
+}
+
+void printFetch(int number, const Fetch& f, int port, bool json) {
+  if (json) {
+    // Fields in the order people read them, not sorted.
+    const auto& d = f.decoded;
+    nlohmann::ordered_json line = {{"frame", f.verdict == Verdict::Frame},
+                                   {"verdict", verdictName(f.verdict)},
+                                   {"bytes", f.bytes.size()},
+                                   {"ms", std::round(f.ms * 1000) / 1000},
+                                   {"width", d ? nlohmann::ordered_json(d->width) : nullptr},
+                                   {"height", d ? nlohmann::ordered_json(d->height) : nullptr},
+                                   {"qr", d && d->qr ? nlohmann::ordered_json(*d->qr) : nullptr}};
+    std::printf("%s\n", line.dump().c_str());
+    return;
+  }
+  switch (f.verdict) {
+    case Verdict::Frame:
+      std::printf("fetch %d: %zu bytes in %.1f ms, %dx%d JPEG", number, f.bytes.size(), f.ms, f.decoded->width,
+                  f.decoded->height);
+      std::printf(f.decoded->qr ? ", QR \"%s\"\n" : ", no QR code\n", f.decoded->qr ? f.decoded->qr->c_str() : "");
+      break;
+    case Verdict::Undecodable:
+      std::printf("fetch %d: %zu bytes in %.1f ms, but no JPEG the library can decode: it drops them, no frame\n",
+                  number, f.bytes.size(), f.ms);
+      break;
+    case Verdict::NoFrame:
+      std::printf("fetch %d: no frame from 127.0.0.1:%d after %.1f ms, although a server answers there\n", number,
+                  port, f.ms);
+      break;
+    case Verdict::NoServer:
+      std::printf("fetch %d: no frame after %.1f ms: nothing listens on 127.0.0.1:%d\n", number, f.ms, port);
+      break;
+  }
+}
+
+int run(const ProbeOptions& options) {
   if (!options.save.empty()) {
     if (auto problem = checkSavePath(options.save)) return usageError("probe", *problem);
   }
-  sockaddr_in endpoint = transport::loopbackEndpoint(static_cast<uint16_t>(options.port));
-  int failures = 0;
+  const int port = options.port != 0 ? options.port : libraryFramePort("probe");
+  sockaddr_in endpoint = transport::loopbackEndpoint(static_cast<uint16_t>(port));
+  std::map<Verdict, int> tally;
   std::vector<double> times;
   std::string saveError;
   bool saved = false;
   for (int i = 0; i < options.count; ++i) {
     if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(options.intervalMs));
-    objc::AutoreleasePool pool;
-    auto start = Clock::now();
-    objc::Strong<> frame = transport::fetchJPEG(endpoint);
-    double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-    std::string bytes;
-    if (frame) {
-      auto* data = objc::send<const char*>(frame, objc::sel<"bytes">());
-      bytes.assign(data, objc::send<unsigned long>(frame, objc::sel<"length">()));
-    } else {
-      ++failures;
+    Fetch f = fetchOnce(endpoint, port);
+    ++tally[f.verdict];
+    if (f.verdict == Verdict::Frame) {
+      times.push_back(f.ms);
+      if (!options.save.empty()) {
+        std::ofstream file(options.save, std::ios::binary | std::ios::trunc);
+        file << f.bytes;
+        saved = static_cast<bool>(file);
+        if (!saved) saveError = "cannot write " + options.save;
+      }
     }
-    std::optional<Decoded> decoded = frame ? decode(bytes) : std::nullopt;
-    if (frame) times.push_back(ms);
-    if (frame && !options.save.empty()) {
-      std::ofstream file(options.save, std::ios::binary | std::ios::trunc);
-      file << bytes;
-      saved = static_cast<bool>(file);
-      if (!saved) saveError = "cannot write " + options.save;
-    }
-    if (options.json) {
-      // Fields in the order people read them, not sorted.
-      nlohmann::ordered_json line = {{"frame", static_cast<bool>(frame)},
-                             {"bytes", bytes.size()},
-                             {"ms", std::round(ms * 1000) / 1000},
-                             {"width", decoded ? nlohmann::ordered_json(decoded->width) : nullptr},
-                             {"height", decoded ? nlohmann::ordered_json(decoded->height) : nullptr},
-                             {"qr", decoded && decoded->qr ? nlohmann::ordered_json(*decoded->qr) : nullptr}};
-      std::printf("%s\n", line.dump().c_str());
-    } else if (!frame) {
-      std::printf("fetch %d: no frame from 127.0.0.1:%d after %.1f ms\n", i + 1, options.port, ms);
-    } else {
-      std::printf("fetch %d: %zu bytes in %.1f ms", i + 1, bytes.size(), ms);
-      if (decoded) {
-        std::printf(", %dx%d JPEG", decoded->width, decoded->height);
-        std::printf(decoded->qr ? ", QR \"%s\"" : ", no QR code", decoded->qr ? decoded->qr->c_str() : "");
-      } else {
-        std::printf(", not a decodable JPEG");
+    printFetch(i + 1, f, port, options.json);
+    std::fflush(stdout);
+  }
+  const int frames = tally[Verdict::Frame];
+  if (!options.json) {
+    if (saved) std::printf("saved the last frame to %s\n", options.save.c_str());
+    if (options.count > 1) {
+      std::printf("%s: %s, %d without", server::counted(static_cast<uint64_t>(options.count), "fetch", "fetches").c_str(),
+                  server::counted(static_cast<uint64_t>(frames), "frame").c_str(), options.count - frames);
+      if (!times.empty()) {
+        std::sort(times.begin(), times.end());
+        std::printf("; time min %.1f ms, median %.1f ms, max %.1f ms", times.front(), times[times.size() / 2],
+                    times.back());
       }
       std::printf("\n");
     }
-    std::fflush(stdout);
-  }
-  if (!options.json) {
-    if (saved) std::printf("saved the last frame to %s\n", options.save.c_str());
-    if (options.count > 1 && !times.empty()) {
-      std::sort(times.begin(), times.end());
-      std::printf("%d fetches: %zu frames, %d without; time min %.1f ms, median %.1f ms, max %.1f ms\n",
-                  options.count, times.size(), failures, times.front(), times[times.size() / 2], times.back());
-    }
   }
   if (!saveError.empty()) std::fprintf(stderr, "zerlan probe: %s\n", saveError.c_str());
-  if (failures > 0 && !options.json) {
-    if (somethingListens(options.port))
-      std::fprintf(stderr,
-                   "zerlan probe: %d of %d fetches got no frame, although a server answers on port %d: "
-                   "see its log, or its status at http://127.0.0.1:%d/status\n",
-                   failures, options.count, options.port, options.port);
-    else
-      std::fprintf(stderr,
-                   "zerlan probe: %d of %d fetches got no frame: nothing listens on 127.0.0.1:%d "
-                   "(start the frame server with 'zerlan serve')\n",
-                   failures, options.count, options.port);
+  // The verdicts, on standard error whatever the output format.
+  const std::string of = " of " + std::to_string(options.count) + " fetches got ";
+  if (int n = tally[Verdict::NoServer]) {
+    std::fprintf(stderr, "zerlan probe: %d%sno frame: nothing listens on 127.0.0.1:%d (start the frame server with "
+                 "'zerlan serve')\n", n, of.c_str(), port);
   }
-  return failures == 0 && saveError.empty() ? kExitOk : kExitRuntime;
+  const int noFrame = tally[Verdict::NoFrame], undecodable = tally[Verdict::Undecodable];
+  if (noFrame || undecodable) {
+    std::string what = noFrame ? std::to_string(noFrame) + of + "no frame" : "";
+    if (undecodable) {
+      what += (noFrame ? " and " : "") + std::to_string(undecodable) + (noFrame ? " got " : of) +
+              "bytes that are no JPEG, which the library drops";
+    }
+    PortHolder holder = whoListens(static_cast<uint16_t>(port));
+    std::string why = holder.kind == PortHolder::Kind::Other
+                          ? foreignListenerText(static_cast<uint16_t>(port), holder) +
+                                ", or name the frame server's port with --port"
+                          : "a frame server answers on port " + std::to_string(port) +
+                                ": see its log, or the fault in force at http://127.0.0.1:" + std::to_string(port) +
+                                "/status";
+    std::fprintf(stderr, "zerlan probe: %s: %s\n", what.c_str(), why.c_str());
+  }
+  return frames == options.count && saveError.empty() ? kExitOk : kExitRuntime;
 }
 
 }  // namespace
@@ -162,13 +229,16 @@ Command addProbe(CLI::App& zerlan) {
   app->add_option("--interval-ms", options->intervalMs, "Pause between fetches in milliseconds (default 100)")
       ->check(CLI::Range(0, 3600000));
   app->add_option("--port", options->port, "Frame server port on 127.0.0.1 (default: ZERLAN_FRAME_PORT, else 47654)")
-      ->check(CLI::Range(1, 65535));
-  app->add_option("--save", options->save, "Write the last frame received to this file (its folder must exist)")
+      ->check(portNumber());
+  app->add_option("--save", options->save, "Write the last frame to this file (its folder must exist)")
       ->type_name("FILE");
   app->add_flag("--json", options->json,
-                "One JSON object per fetch: frame, bytes, ms, width, height, qr (null when not decodable)");
-  app->footer("Exit status 0 when every fetch returned a frame (and --save wrote it), 1 otherwise, 2 for a bad\n"
-              "command line (a --save path that is a folder or in a missing folder included).");
+                "One JSON object per fetch: frame (whether the app would get one), verdict (frame, undecodable, "
+                "no frame, no server), bytes, ms, width, height, qr (null when not decodable)");
+  app->footer("A fetch gives the app a frame only when a server answers with a JPEG that decodes: the library\n"
+              "drops other bytes. Exit status 0 when every fetch gave a frame (and --save wrote it), 1 otherwise\n"
+              "(the reasons go to standard error, with --json too), 2 for a bad command line (a --save path that\n"
+              "is a folder or in a missing folder included).");
   return {app, [options] { return run(*options); }};
 }
 

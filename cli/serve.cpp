@@ -1,17 +1,27 @@
-// zerlan serve: runs the frame server until SIGINT or SIGTERM.
+// zerlan serve: runs the frame server until SIGINT, SIGTERM or SIGHUP, or until its stream ends
+// before it gave a frame.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <sstream>
 
 #include "cli/command.h"
+#include "cli/loopback.h"
 #include "server/camera.h"
 #include "server/image.h"
+#include "server/platform.h"
 #include "server/scenario.h"
 #include "server/server.h"
 
@@ -37,6 +47,9 @@ struct ServeOptions {
   unsigned threads = 0;
   bool step = false;
   std::string scenario;
+  std::string logFile;
+  bool verbose = false;
+  bool background = false;
   CLI::Option* fpsOption = nullptr;
   CLI::Option* sizeOption = nullptr;
   CLI::Option* cameraOption = nullptr;
@@ -75,12 +88,81 @@ int listCameras(const std::string& input) {
   return kExitOk;
 }
 
+// --background: this process returns at once to the caller, once the server in a child process
+// serves (with the child's process ID on standard output), or with the child's exit code when
+// it cannot start. The child gets the descriptor to report "serving" on; nothing in the parent.
+// Before any thread exists: a child forked later would lack them.
+struct Detached {
+  std::optional<int> parentExit;  // set in the process that returns to the caller
+  int readyFd = -1;               // in the server process
+};
+
+Detached detach() {
+  int ready[2];
+  if (!platform::openPipe(ready)) {
+    std::cerr << "zerlan serve: --background: pipe: " << std::strerror(errno) << "\n";
+    return {kExitRuntime};
+  }
+  pid_t child = fork();
+  if (child < 0) {
+    std::cerr << "zerlan serve: --background: fork: " << std::strerror(errno) << "\n";
+    return {kExitRuntime};
+  }
+  if (child == 0) {
+    close(ready[0]);
+    return {std::nullopt, ready[1]};
+  }
+  close(ready[1]);
+  char byte = 0;
+  ssize_t n;
+  do n = read(ready[0], &byte, 1);
+  while (n < 0 && errno == EINTR);
+  close(ready[0]);
+  if (n == 1) {
+    std::cout << child << std::endl;
+    return {kExitOk};
+  }
+  // The child said why on the standard error it shares with this process.
+  int raw = 0;
+  while (waitpid(child, &raw, 0) < 0 && errno == EINTR) {
+  }
+  return {WIFEXITED(raw) ? WEXITSTATUS(raw) : kExitRuntime};
+}
+
+// Tells the caller of --background that the server serves, and lets go of its terminal and
+// pipes: a shell's $(...) that reads the process ID waits for every writer to close.
+void reportServing(int readyFd, bool keepStdin, bool keepStderr) {
+  int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null >= 0) {
+    dup2(null, STDOUT_FILENO);
+    if (!keepStdin) dup2(null, STDIN_FILENO);
+    if (!keepStderr) dup2(null, STDERR_FILENO);
+    close(null);
+  }
+  char byte = 1;
+  (void)!write(readyFd, &byte, 1);
+  close(readyFd);
+}
+
+// Set by the source, on a thread of the server's, when the stream ended before its first frame.
+std::atomic<bool> gNothingToServe{false};
+
 int runServe(const ServeOptions& o) {
   if (o.listCameras) return listCameras(o.cameraInput);
   if (!isListenAddress(o.host))
     return usageError("serve", "--host " + o.host +
                                    " is not an IP address: use 127.0.0.1 (the default), ::1, or 0.0.0.0 "
                                    "for every interface");
+  int logFd = STDERR_FILENO;
+  if (!o.logFile.empty()) {
+    logFd = open(o.logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (logFd < 0) return usageError("serve", "--log " + o.logFile + ": " + std::strerror(errno));
+  }
+  Detached detached;
+  if (o.background) {
+    detached = detach();
+    if (detached.parentExit) return *detached.parentExit;
+  }
   server::FrameSettings settings;
   settings.qr = o.qr;
   settings.fps = o.fps;
@@ -100,7 +182,7 @@ int runServe(const ServeOptions& o) {
   if (o.stdinStream) choice = server::SourceChoice::stream(0);
   if (o.cameraOption->count() > 0) choice = server::SourceChoice::camera(o.camera);
 
-  auto log = server::stderrLogger("zerlan serve: ");
+  auto log = server::descriptorLogger(logFd, "zerlan serve: ");
   if (o.fpsOption->count() > 0 && choice.kind != server::SourceChoice::Kind::Pattern &&
       choice.kind != server::SourceChoice::Kind::Dir) {
     log("note: --fps paces the pattern and --dir; this source keeps its own pace");
@@ -131,41 +213,54 @@ int runServe(const ServeOptions& o) {
   options.port = static_cast<uint16_t>(o.port);
   options.threads = o.threads;
   options.timeout = std::chrono::milliseconds(static_cast<int64_t>(std::llround(o.timeout * 1000)));
+  options.logRequests = o.verbose;
+  // The source tells this thread, waiting in sigwait below, with a signal of the process's own.
+  options.nothingToServe = [] {
+    gNothingToServe.store(true);
+    kill(getpid(), SIGUSR1);
+  };
 
   // Signals are taken by sigwait below; every thread the server starts inherits the mask. A
   // parent may have left them ignored (an ignored signal is discarded, never pending), so the
   // default disposition comes back first.
-  signal(SIGINT, SIG_DFL);
-  signal(SIGTERM, SIG_DFL);
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
+  for (int signo : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) {
+    signal(signo, SIG_DFL);
+    sigaddset(&stopSignals, signo);
+  }
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);
   raiseDescriptorLimit();
 
   auto started = server::Server::start(options, std::move(source.value()), settings, log);
   if (!started) {
-    std::cerr << "zerlan serve: " << started.error().message << "\n";
+    const auto& error = started.error();
+    std::cerr << "zerlan serve: "
+              << (error.systemError == EADDRINUSE ? portTakenText(options.port) + ", or give this server another --port"
+                                                  : error.message)
+              << "\n";
     return kExitRuntime;
   }
   auto& srv = *started.value();
   std::unique_ptr<server::ScenarioPlayer> player;
   if (scenario) player = std::make_unique<server::ScenarioPlayer>(srv, std::move(*scenario), log);
+  if (detached.readyFd >= 0) reportServing(detached.readyFd, o.stdinStream, logFd == STDERR_FILENO);
 
   int signo = 0;
-  sigwait(&stopSignals, &signo);
+  do sigwait(&stopSignals, &signo);
+  while (signo == SIGUSR1 && !gNothingToServe.load());
   player.reset();
   srv.stop();
   auto t = srv.totals();
   std::ostringstream summary;
   summary.precision(1);
-  summary << std::fixed << "stopped (" << (signo == SIGINT ? "SIGINT" : "SIGTERM") << ") after "
-          << t.uptimeSeconds << " s: " << t.framesServed << " frames served, " << t.requests
-          << " requests, " << t.errors << " errors";
+  summary << std::fixed << "stopped ("
+          << (signo == SIGUSR1 ? "nothing to serve" : signo == SIGINT ? "SIGINT" : signo == SIGHUP ? "SIGHUP" : "SIGTERM")
+          << ") after " << t.uptimeSeconds << " s: " << server::counted(t.framesServed, "frame") << " served, "
+          << server::counted(t.requests, "request") << ", " << server::counted(t.errors, "error");
   log(summary.str());
-  return kExitOk;
+  return signo == SIGUSR1 ? kExitRuntime : kExitOk;
 }
 
 }  // namespace
@@ -186,7 +281,7 @@ Command addServe(CLI::App& zerlan) {
                   "was started with ZERLAN_FRAME_PORT. 0 picks a free port and prints it in the "
                   "start line.")
       ->capture_default_str()
-      ->check(CLI::Range(0, 65535));
+      ->check(portNumber(true));
 
   auto* image = cmd->add_option("--image", o->image,
                                 "Serve one picture: a JPEG byte for byte; PNG and other "
@@ -258,6 +353,17 @@ Command addServe(CLI::App& zerlan) {
                   "{\"at\": 4, \"fault\": \"stall\", \"seconds\": 1}, "
                   "{\"after_fetches\": 20, \"qr\": \"B\"}]; each step is logged as it fires.")
       ->type_name("FILE");
+  cmd->add_flag("-v,--verbose", o->verbose,
+                "Log every answer: the request, the client, the status, the frame and its size, "
+                "for following what an app fetches.");
+  cmd->add_option("--log", o->logFile,
+                  "Write the log to FILE (replaced) instead of standard error; errors that keep "
+                  "the server from starting still go to standard error.")
+      ->type_name("FILE");
+  cmd->add_flag("--background", o->background,
+                "Return once the server serves, printing its process ID, for scripts: "
+                "server=$(zerlan serve --background --log serve.log). Exits as it would in the "
+                "foreground when it cannot start.");
 
   cmd->footer(
       "Pages: GET /frame (the JPEG), GET / (the control panel), GET /status (JSON), GET /cameras "
@@ -277,6 +383,7 @@ Command addServe(CLI::App& zerlan) {
       "  zerlan serve --camera                 the default camera of this machine\n"
       "  zerlan serve --camera-input lavfi --camera 'smptebars=size=640x480'\n"
       "  curl -H 'Content-Type: application/json' -d '{\"qr\": \"next\"}' "
+      "  curl -H 'Content-Type: application/json' -d '{\"qr\": \"LOGIN-42\"}' "
       "http://127.0.0.1:47654/control\n\n"
       "The server answers only requests addressed to it (Host 127.0.0.1, localhost, [::1] or "
       "--host) and no other web page's; POST /control needs Content-Type: application/json.\n\n" +

@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Process.h"
+#include "ScriptedServer.h"
 #include "support.h"
 
 namespace zerlan::test {
@@ -100,9 +101,13 @@ TEST(Ctl, GoodValuesApplyAndRefusedOnesExit3WithTheServersReason) {
        [&] { EXPECT_EQ(statusOf(port)["fault"]["kind"], "stall"); }},
       {{"fault", "none"}, 0, "no fault: GET /frame serves frames",
        [&] { EXPECT_TRUE(statusOf(port)["fault"].is_null()); }},
+      {{"fault", "http-error", "--requests", "1"}, 0, "1 request left",
+       [&] { EXPECT_TRUE(statusOf(port)["fault"]["requests_left"] == 1); }},
       {{"fault", "http-error", "--requests", "2"}, 0, "2 requests left",
        [&] {
-         EXPECT_EQ(get(port, "/frame").status, 503);
+         Reply injected = get(port, "/frame");
+         EXPECT_EQ(injected.status, 503);
+         EXPECT_NE(errorReason(injected).value_or("").find("http-error"), std::string::npos) << injected.raw;
          EXPECT_EQ(get(port, "/frame").status, 503);
          EXPECT_EQ(get(port, "/frame").status, 200);
        }},
@@ -110,7 +115,7 @@ TEST(Ctl, GoodValuesApplyAndRefusedOnesExit3WithTheServersReason) {
       {{"fault", "stall", "--seconds", "1", "--requests", "1"}, 2, "excludes", nullptr},
       {{"fault", "stall", "--requests", "0"}, 2, "--requests", nullptr},
       {{"step", "0"}, 2, "N", nullptr},
-      {{"frobnicate"}, 2, "unknown action \"frobnicate\": use qr, image", nullptr},
+      {{"frobnicate"}, 2, "unknown action \"frobnicate\" (use qr, image", nullptr},
       {{}, 2, "name an action", nullptr},
       {{"status"}, 0, "mode           live", nullptr},
   };
@@ -140,6 +145,40 @@ TEST(Ctl, GoodValuesApplyAndRefusedOnesExit3WithTheServersReason) {
   EXPECT_EQ(byEnvironment.status, 0) << byEnvironment.err;
 }
 
+// A port held by another program is not a zerlan server that refused: ctl says which it is, with
+// the way to find it, and does not dump its page.
+TEST(Ctl, AnotherProgramOnThePortIsToldFromAFrameServer) {
+  struct Program {
+    std::string answer;
+    std::string says;
+  };
+  const Program programs[] = {
+      {"HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n\r\n<html><body><h1>Not Found</h1></body></html>",
+       "(its GET /status answers HTTP 404)"},
+      {"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n{\"error\": \"who?\"}",
+       "(its GET /status answers HTTP 200 with no zerlan status)"},
+      {"SSH-2.0-OpenSSH_9.2\r\n", "(it does not answer HTTP)"},
+  };
+  for (const Program& program : programs) {
+    testing::ScriptedServer other([&](int fd) {
+      testing::ScriptedServer::readHead(fd);
+      testing::ScriptedServer::writeAll(fd, program.answer);
+      return true;
+    });
+    const std::string port = std::to_string(other.port());
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"status"}, {"qr", "A"}}) {
+      ProcessResult r = ctl(other.port(), args);
+      EXPECT_EQ(r.status, 1) << line(args) << "\n" << r.err;
+      EXPECT_NE(r.err.find("another program, not a zerlan frame server, listens on 127.0.0.1:" + port + " " +
+                           program.says + ": find it with ss -ltnp 'sport = :" + port + "'"),
+                std::string::npos)
+          << line(args) << "\n" << r.err;
+      EXPECT_EQ(r.err.find("<html>"), std::string::npos) << r.err;
+      EXPECT_EQ(r.err.find("refused"), std::string::npos) << r.err;
+    }
+  }
+}
+
 TEST(Ctl, StepMovesAStepModeServerOn) {
   server::FrameSettings settings;
   settings.step = true;
@@ -148,7 +187,7 @@ TEST(Ctl, StepMovesAStepModeServerOn) {
   const std::string before = get(s.port(), "/frame").body;
   ProcessResult one = ctl(s.port(), {"step"});
   EXPECT_EQ(one.status, 0) << one.err;
-  EXPECT_EQ(one.out, "frame index 1 after 1 steps\n");
+  EXPECT_EQ(one.out, "frame index 1 after 1 step\n");
   ProcessResult more = ctl(s.port(), {"step", "4"});
   EXPECT_EQ(more.out, "frame index 5 after 5 steps\n");
   EXPECT_NE(get(s.port(), "/frame").body, before);
@@ -159,7 +198,7 @@ TEST(Ctl, WaitReturnsOnceTheFramesAreFetchedAndExits1WhenTheyAreNot) {
   ASSERT_TRUE(s.server);
   ProcessResult idle = ctl(s.port(), {"wait", "--fetches", "2", "--timeout", "0.3"});
   EXPECT_EQ(idle.status, 1);
-  EXPECT_NE(idle.err.find("0 of 2 frames were fetched in 0.3 s"), std::string::npos) << idle.err;
+  EXPECT_NE(idle.err.find("only 0 of 2 frames fetched in 0.3 s"), std::string::npos) << idle.err;
 
   const uint64_t requestsBefore = s.server->totals().requests;
   auto waited = std::async(std::launch::async, [&] {

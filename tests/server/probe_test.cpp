@@ -53,15 +53,19 @@ TEST(Probe, WithoutAPortItFetchesWhereTheLibraryWould) {
   EXPECT_EQ(true, jsonLines(run.out).at(0)["frame"]);
 }
 
-TEST(Probe, MissingServerAndNonImageBodies) {
+// --json carries the verdicts the text gives, and the exit status follows what the app would get:
+// bytes the library drops are no frame.
+TEST(Probe, JsonVerdictsAndTheExitStatusFollowWhatTheAppWouldGet) {
   auto down = probe(zerlan::testing::closedPort(), {"--count", "2"});
   EXPECT_EQ(1, down.status);
   auto lines = jsonLines(down.out);
   ASSERT_EQ(2u, lines.size());
   EXPECT_EQ(false, lines[0]["frame"]);
+  EXPECT_EQ("no server", lines[0]["verdict"]);
   EXPECT_EQ(0, lines[0]["bytes"]);
   EXPECT_TRUE(lines[0]["width"].is_null());
   EXPECT_TRUE(lines[0]["qr"].is_null());
+  EXPECT_NE(std::string::npos, down.err.find("2 of 2 fetches got no frame: nothing listens")) << down.err;
 
   zerlan::testing::ScriptedServer text([](int fd) {
     zerlan::testing::ScriptedServer::readHead(fd);
@@ -69,12 +73,35 @@ TEST(Probe, MissingServerAndNonImageBodies) {
     return true;
   });
   auto notImage = probe(text.port());
-  EXPECT_EQ(0, notImage.status) << "a frame came back, whatever it is";
+  EXPECT_EQ(1, notImage.status) << "the library drops what does not decode: no frame for the app";
   auto line = jsonLines(notImage.out).at(0);
-  EXPECT_EQ(true, line["frame"]);
+  EXPECT_EQ(false, line["frame"]);
+  EXPECT_EQ("undecodable", line["verdict"]);
   EXPECT_EQ(5, line["bytes"]);
   EXPECT_TRUE(line["width"].is_null());
   EXPECT_TRUE(line["height"].is_null());
+  EXPECT_NE(std::string::npos, notImage.err.find("bytes that are no JPEG, which the library drops")) << notImage.err;
+  auto asText = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(text.port())});
+  EXPECT_EQ(1, asText.status);
+  EXPECT_NE(std::string::npos, asText.out.find("5 bytes in ")) << asText.out;
+  EXPECT_NE(std::string::npos, asText.out.find("no JPEG the library can decode")) << asText.out;
+
+  // A zerlan server with a fault in force: each verdict in turn.
+  RunningServer running = startServer();
+  ASSERT_EQ(200, post(running.port(), "/control", R"({"fault": "garbage", "requests": 1})").status);
+  auto garbage = probe(running.port(), {"--count", "2"});
+  EXPECT_EQ(1, garbage.status);
+  auto both = jsonLines(garbage.out);
+  ASSERT_EQ(2u, both.size());
+  EXPECT_EQ("undecodable", both[0]["verdict"]);
+  EXPECT_EQ("frame", both[1]["verdict"]);
+  EXPECT_EQ(true, both[1]["frame"]);
+  EXPECT_NE(std::string::npos, garbage.err.find("1 of 2 fetches got bytes that are no JPEG")) << garbage.err;
+  EXPECT_NE(std::string::npos, garbage.err.find("a frame server answers on port")) << garbage.err;
+  ASSERT_EQ(200, post(running.port(), "/control", R"({"fault": "http-error", "requests": 1})").status);
+  auto refused = probe(running.port());
+  EXPECT_EQ(1, refused.status);
+  EXPECT_EQ("no frame", jsonLines(refused.out).at(0)["verdict"]);
 }
 
 TEST(Probe, SaysWhereTheFrameWentAndSumsUpSeveralFetches) {
@@ -114,7 +141,24 @@ TEST(Probe, TellsNoServerFromAServerThatGaveNoFrame) {
   });
   auto noFrame = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(busy.port())});
   EXPECT_EQ(1, noFrame.status);
-  EXPECT_NE(std::string::npos, noFrame.err.find("although a server answers")) << noFrame.err;
+  EXPECT_NE(std::string::npos, noFrame.out.find("although a server answers there")) << noFrame.out;
+  EXPECT_NE(std::string::npos, noFrame.err.find("another program, not a zerlan frame server, listens on 127.0.0.1:" +
+                                                std::to_string(busy.port()) + " (its GET /status answers HTTP 503)"))
+      << noFrame.err;
+
+  // ZERLAN_FRAME_PORT that names no port is ignored, as the library ignores it, but not silently.
+  auto ignored = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--json", "--port", std::to_string(busy.port())},
+                                             {{"ZERLAN_FRAME_PORT", "abc"}});
+  EXPECT_EQ(std::string::npos, ignored.err.find("ZERLAN_FRAME_PORT")) << "--port was given: " << ignored.err;
+  // It then fetches from 47654, which is the machine's: in a network of its own.
+  const std::string ownNetwork = ZERLAN_SOURCE_DIR "/tests/support/own-network";
+  auto fallback = zerlan::testing::runProcess({ownNetwork, ZERLAN_BIN, "probe", "--json"}, {{"ZERLAN_FRAME_PORT", "abc"}});
+  if (fallback.status == 77) GTEST_SKIP() << fallback.err;
+  EXPECT_EQ(1, fallback.status) << "nothing listens in a network of its own";
+  EXPECT_NE(std::string::npos,
+            fallback.err.find("zerlan probe: ZERLAN_FRAME_PORT=abc is not a port (1 to 65535), so the library would "
+                              "ignore it too: using 47654"))
+      << fallback.err;
 }
 
 }  // namespace
