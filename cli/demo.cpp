@@ -15,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -32,7 +33,9 @@
 
 #include "cli/command.h"
 #include "cli/loopback.h"
+#include "server/log.h"
 #include "server/media.h"
+#include "server/server.h"
 #include "server/platform.h"
 
 extern char** environ;
@@ -44,7 +47,6 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-constexpr uint16_t kPort = 47654;
 constexpr const char* kFirstPayload = "zerlan";
 constexpr const char* kSecondPayload = "zerlan-demo-2";
 constexpr const char* kPickerPayload = "zerlan-picker";
@@ -53,7 +55,38 @@ struct DemoOptions {
   double seconds = 6;
   std::string out = "zerlan-demo";
   std::string library;
+  int port = server::kDefaultPort;
 };
+
+// SIGTERM, SIGINT or SIGHUP: an IDE's stop button, a CI job's cancel, Ctrl-C, a closed terminal.
+// The handler only records it; the demo's waits notice (their system calls return early) and
+// throw Interrupted, and unwinding stops every child on the way out.
+volatile sig_atomic_t gInterruptedBy = 0;
+
+void onInterrupt(int signo) { gInterruptedBy = signo; }
+
+struct Interrupted {
+  int signo;
+  std::vector<std::string> stopped;  // the programs that were still running
+};
+
+// The children running now, by name, for the report of an interruption.
+std::vector<std::string>& runningChildren() {
+  static std::vector<std::string> names;
+  return names;
+}
+
+void throwIfInterrupted() {
+  if (gInterruptedBy) throw Interrupted{gInterruptedBy, runningChildren()};
+}
+
+void catchInterruptions() {
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;  // no SA_RESTART: a wait in poll or recv returns at once
+  for (int signo : {SIGTERM, SIGINT, SIGHUP}) sigaction(signo, &action, nullptr);
+}
 
 // A child process of the demo; stopped (SIGTERM, then SIGKILL) when it goes out of scope.
 class Child {
@@ -63,9 +96,10 @@ class Child {
   Child& operator=(const Child&) = delete;
   ~Child() { stop(); }
 
-  // argv[0] is a path. stdoutFd/stderrFd become the child's descriptors 1 and 2; extraEnv entries
-  // ("NAME=value") are added to this process's environment.
-  bool spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, int stdoutFd,
+  // `name` is what the demo calls it in its messages; argv[0] is a path. stdoutFd/stderrFd become
+  // the child's descriptors 1 and 2; extraEnv entries ("NAME=value") are added to this process's
+  // environment.
+  bool spawn(const std::string& name, const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, int stdoutFd,
              int stderrFd, std::string& error) {
     auto nameOf = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
     std::vector<std::string> envStrings;
@@ -86,6 +120,7 @@ class Child {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
     posix_spawn_file_actions_adddup2(&actions, stderrFd, 2);
+    // The handlers of the demo's signals do not pass the exec: the child has the defaults.
     int rc = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) {
@@ -93,6 +128,8 @@ class Child {
       error = "cannot start " + argv[0] + ": " + std::strerror(rc);
       return false;
     }
+    name_ = name;
+    runningChildren().push_back(name_);
     return true;
   }
 
@@ -103,7 +140,7 @@ class Child {
     if (waitpid(pid_, &raw, WNOHANG) != pid_) return false;
     status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     signal_ = WIFSIGNALED(raw) ? WTERMSIG(raw) : 0;
-    pid_ = -1;
+    ended();
     return true;
   }
 
@@ -118,13 +155,21 @@ class Child {
     if (pid_ >= 0) {
       ::kill(pid_, SIGKILL);
       int raw = 0;
-      waitpid(pid_, &raw, 0);
-      pid_ = -1;
+      while (waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
+      }
+      ended();
     }
   }
 
  private:
+  void ended() {
+    pid_ = -1;
+    auto& names = runningChildren();
+    if (auto it = std::find(names.begin(), names.end(), name_); it != names.end()) names.erase(it);
+  }
+
   pid_t pid_ = -1;
+  std::string name_;
   int status_ = -1;
   int signal_ = 0;
 };
@@ -192,13 +237,23 @@ struct AppRun {
   std::string error;
 };
 
-// Runs a sample app with the library preloaded, its standard error into `log`, until it exits or
-// `timeoutSeconds` pass. `tick` runs about ten times a second with the seconds elapsed and may
-// return a progress text, printed once a second while it is given.
-AppRun runSampleApp(const fs::path& app, const std::vector<std::string>& args, const fs::path& library,
+// Where the sample apps run: the programs, the library they get and the frame server's port.
+struct Setup {
+  fs::path binDir;
+  fs::path library;
+  fs::path out;
+  uint16_t port;
+};
+
+// Runs a sample app with the library preloaded, fetching from the demo's server, its standard
+// error into `log`, until it exits or `timeoutSeconds` pass. `tick` runs about ten times a second
+// with the seconds elapsed and may return a progress text, printed once a second while it is
+// given. Throws Interrupted when the demo is.
+AppRun runSampleApp(const Setup& setup, const std::string& name, const std::vector<std::string>& args,
                     const fs::path& log, double timeoutSeconds, const std::function<const char*(double)>& tick) {
+  throwIfInterrupted();
+  const fs::path app = setup.binDir / name;
   AppRun run;
-  std::string name = app.filename().string();
   int appOut[2];
   if (!platform::openPipe(appOut)) {
     run.error = std::string("pipe: ") + std::strerror(errno);
@@ -214,7 +269,9 @@ AppRun runSampleApp(const fs::path& app, const std::vector<std::string>& args, c
   std::vector<std::string> argv{app.string()};
   argv.insert(argv.end(), args.begin(), args.end());
   Child child;
-  bool spawned = child.spawn(argv, {"LD_PRELOAD=" + library.string()}, appOut[1], logFd, run.error);
+  bool spawned = child.spawn(name, argv,
+                             {"LD_PRELOAD=" + setup.library.string(), "ZERLAN_FRAME_PORT=" + std::to_string(setup.port)},
+                             appOut[1], logFd, run.error);
   close(appOut[1]);
   close(logFd);
   if (!spawned) {
@@ -227,6 +284,10 @@ AppRun runSampleApp(const fs::path& app, const std::vector<std::string>& args, c
   auto started = Clock::now();
   int reported = 0;
   for (bool done = false; !done;) {
+    if (gInterruptedBy) {
+      close(appOut[0]);
+      throwIfInterrupted();
+    }
     pollfd fd{appOut[0], POLLIN, 0};
     if (poll(&fd, 1, 100) > 0) {
       char buffer[4096];
@@ -264,8 +325,8 @@ AppRun runSampleApp(const fs::path& app, const std::vector<std::string>& args, c
   return run;
 }
 
-void switchPayload(const char* payload) {
-  int status = httpStatus(kPort, "POST", "/control", nlohmann::json{{"qr", payload}}.dump());
+void switchPayload(uint16_t port, const char* payload) {
+  int status = httpStatus(port, "POST", "/control", nlohmann::json{{"qr", payload}}.dump());
   if (status == 200)
     std::printf("switched the QR payload to \"%s\" (POST /control)\n", payload);
   else
@@ -273,32 +334,30 @@ void switchPayload(const char* payload) {
                 status ? ("HTTP " + std::to_string(status)).c_str() : "no answer from the frame server");
 }
 
-// What a movie holds, read back with libavformat: "h264 640x480, 3.0 s", or why it cannot be read.
+// What a movie holds, read back with libavformat: "h264 640x480, 2.90 s, 30 frames", or why it
+// cannot be read. The length is the one the file records, as a player shows it.
 std::string describeMovie(const fs::path& movie) {
   auto reader = server::MediaReader::open(movie.string());
   if (!reader) return "unreadable: " + reader.error().message;
   server::Size size = (*reader)->size();
   std::string codec = (*reader)->codecName();
-  double last = 0;
-  long frames = 0;
+  uint64_t frames = 0;
   for (;;) {
     auto frame = (*reader)->next(std::nullopt);
     if (!frame || !*frame) break;
     ++frames;
-    if (std::isfinite((*frame)->seconds)) last = (*frame)->seconds;
   }
   char text[128];
-  // The last frame lasts until the next poll, a tenth of a second.
-  std::snprintf(text, sizeof text, "%s %dx%d, %.1f s, %ld frames", codec.c_str(), size.width, size.height,
-                frames ? last + 0.1 : 0.0, frames);
-  return text;
+  std::snprintf(text, sizeof text, "%s %dx%d, %.2f s, ", codec.c_str(), size.width, size.height,
+                (*reader)->duration());
+  return text + server::counted(frames, "frame");
 }
 
 // The image picker half of the demo: picker-app takes a photo by itself (the automated-capture
 // setting), then records three seconds while the QR payload changes. Prints what came back;
 // false when something is missing.
-bool runPickerDemo(const fs::path& binDir, const fs::path& library, const fs::path& out) {
-  fs::path app = binDir / "picker-app";
+bool runPickerDemo(const Setup& setup) {
+  const fs::path& out = setup.out;
   fs::path photo = out / "picker-photo.jpg", movie = out / "picker-video.mp4";
   std::error_code ec;
   fs::remove(photo, ec);
@@ -306,18 +365,18 @@ bool runPickerDemo(const fs::path& binDir, const fs::path& library, const fs::pa
 
   std::printf("\nrunning picker-app: an automated photo through UIImagePickerController\n");
   std::fflush(stdout);
-  AppRun shot = runSampleApp(app, {"--action", "auto", "--media", "photo", "--save", photo.string()}, library,
+  AppRun shot = runSampleApp(setup, "picker-app", {"--action", "auto", "--media", "photo", "--save", photo.string()},
                              out / "picker-photo.log", 30, [](double) { return nullptr; });
   std::printf("running picker-app: a 3 s recording\n");
   std::fflush(stdout);
   bool switched = false;
   AppRun recording = runSampleApp(
-      app, {"--action", "record", "--media", "both", "--record-seconds", "3", "--save", movie.string()}, library,
+      setup, "picker-app", {"--action", "record", "--media", "both", "--record-seconds", "3", "--save", movie.string()},
       out / "picker-video.log", 40, [&](double elapsed) {
         // Half way through the recording: picker-app needs a moment for its first frame.
         if (!switched && elapsed >= 2) {
           switched = true;
-          switchPayload(kPickerPayload);
+          switchPayload(setup.port, kPickerPayload);
         }
         return "recording with picker-app...";
       });
@@ -359,9 +418,12 @@ int runDemo(const DemoOptions& o) {
   for (const char* app : {"capture-app", "picker-app"})
     if (!fs::exists(binDir / app))
       return fail((binDir / app).string() + " not found: build it with 'cmake --build build --target " + app + "'");
+  if (!o.library.empty() && !fs::is_regular_file(library))
+    return usageError("demo", "--library " + o.library + ": no such file");
   if (!fs::exists(library))
     return fail(library.string() + " not found: build it with 'cmake --build build --target ZerlanInject' or pass --library");
-  library = fs::absolute(library);
+  const uint16_t port = static_cast<uint16_t>(o.port);
+  const Setup setup{binDir, fs::absolute(library), o.out, port};
 
   fs::path out = o.out;
   fs::create_directories(out, ec);
@@ -373,26 +435,28 @@ int runDemo(const DemoOptions& o) {
   fs::remove(photoPath, ec);
   fs::remove(resultPath, ec);
 
-  if (portInUse(kPort)) return fail("port 47654 is in use: stop the other frame server (is 'zerlan serve' running?)");
+  if (portInUse(port)) return fail(portTakenText(port) + ", or give the demo another --port");
 
   int serveLogFd = open(serveLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (serveLogFd < 0) return fail("cannot write " + serveLog.string() + ": " + std::strerror(errno));
   Child server;
   std::string error;
-  bool spawned = server.spawn({self.string(), "serve", "--port", std::to_string(kPort), "--qr", kFirstPayload}, {},
-                              serveLogFd, serveLogFd, error);
+  bool spawned = server.spawn("the frame server", {self.string(), "serve", "--port", std::to_string(port), "--qr", kFirstPayload},
+                              {}, serveLogFd, serveLogFd, error);
   close(serveLogFd);
   if (!spawned) return fail(error);
 
   auto deadline = Clock::now() + std::chrono::seconds(10);
   // It answers /frame with 200 once its first frame exists, so the app gets frames at once.
-  while (httpStatus(kPort, "GET", "/frame") != 200) {
+  while (httpStatus(port, "GET", "/frame") != 200) {
+    throwIfInterrupted();
     if (server.exited())
       return fail("the frame server stopped at start:\n" + lastLines(readFile(serveLog), 5));
-    if (Clock::now() > deadline) return fail("the frame server did not answer on 127.0.0.1:47654 within 10 s");
+    if (Clock::now() > deadline)
+      return fail("the frame server did not answer on 127.0.0.1:" + std::to_string(port) + " within 10 s");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
-  std::printf("frame server: zerlan serve on http://127.0.0.1:%u (test pattern, QR \"%s\")\n", kPort, kFirstPayload);
+  std::printf("frame server: zerlan serve on http://127.0.0.1:%u (test pattern, QR \"%s\")\n", port, kFirstPayload);
   std::fflush(stdout);
 
   char secondsText[32];
@@ -400,12 +464,12 @@ int runDemo(const DemoOptions& o) {
   long photoAfterMs = std::lround(o.seconds * 250);
   bool switched = false;
   AppRun capture = runSampleApp(
-      binDir / "capture-app",
+      setup, "capture-app",
       {"--seconds", secondsText, "--photo-after-ms", std::to_string(photoAfterMs), "--save-photo", photoPath.string()},
-      library, appLog, o.seconds + 15, [&](double elapsed) {
+      appLog, o.seconds + 15, [&](double elapsed) {
         if (!switched && elapsed >= o.seconds / 2) {
           switched = true;
-          switchPayload(kSecondPayload);
+          switchPayload(port, kSecondPayload);
         }
         return elapsed <= o.seconds + 0.5 ? "running capture-app with ZerlanInject..." : nullptr;
       });
@@ -453,9 +517,35 @@ int runDemo(const DemoOptions& o) {
                 serveLog.string() + ")");
   }
   if (capture.status != 0) return fail("capture-app exited with status " + std::to_string(capture.status));
-  if (!runPickerDemo(binDir, library, out)) return kExitRuntime;
+  if (!runPickerDemo(setup)) return kExitRuntime;
   std::printf("\ndemo complete: the apps saw the camera\n");
   return kExitOk;
+}
+
+// The demo, stopped cleanly by an interruption: its children are stopped while Interrupted
+// unwinds, and what they left is named.
+int runInterruptibly(const DemoOptions& o) {
+  catchInterruptions();
+  try {
+    return runDemo(o);
+  } catch (const Interrupted& interrupted) {
+    std::string stopped;
+    for (size_t i = 0; i < interrupted.stopped.size(); ++i) {
+      stopped += (i == 0 ? "" : i + 1 == interrupted.stopped.size() ? " and " : ", ") + interrupted.stopped[i];
+    }
+    std::vector<std::string> files;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(o.out, ec)) files.push_back(entry.path().filename().string());
+    std::sort(files.begin(), files.end());
+    std::string left;
+    for (const std::string& file : files) left += (left.empty() ? "" : ", ") + file;
+    const int signo = interrupted.signo;
+    std::cerr << "zerlan demo: interrupted ("
+              << (signo == SIGINT ? "SIGINT" : signo == SIGHUP ? "SIGHUP" : "SIGTERM") << ")"
+              << (stopped.empty() ? "" : ": stopped " + stopped) << "; "
+              << (left.empty() ? "it left nothing in " + o.out : "it left in " + o.out + "/: " + left) << "\n";
+    return 128 + interrupted.signo;
+  }
 }
 
 }  // namespace
@@ -477,9 +567,15 @@ Command addDemo(CLI::App& zerlan) {
   cmd->add_option("--library", o->library,
                   "The library to preload (default: ../lib/libZerlanInject.so next to this binary).")
       ->type_name("FILE");
-  cmd->footer("The frame server listens on 127.0.0.1:47654, which must be free.\n\n" +
+  cmd->footer("SIGTERM, SIGINT (Ctrl-C) or SIGHUP stop the demo and the programs it started, "
+              "and it exits with 128 plus the signal's number.\n\n" +
               std::string(kExitCodesHelp));
-  return Command{cmd, [o] { return runDemo(*o); }};
+  cmd->add_option("--port", o->port,
+                  "Port of the demo's frame server on 127.0.0.1 (the sample apps fetch from it); it must "
+                  "be free.")
+      ->capture_default_str()
+      ->check(portNumber());
+  return Command{cmd, [o] { return runInterruptibly(*o); }};
 }
 
 }  // namespace zerlan::cli

@@ -6,7 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <future>
+#include <map>
+#include <memory>
 #include <optional>
 
 using namespace zerlan::e2e;
@@ -200,9 +204,100 @@ TEST_F(ZerlanDemoTest, RefusesABusyPort)
     ProcessResult demo = runProcess({buildDir() + "/bin/zerlan", "demo", "--seconds", "1", "--out", (dir_ / "demo").string()});
     EXPECT_EQ(1, demo.status);
     EXPECT_NE(std::string::npos,
-              demo.err.find("port 47654 is in use: stop the other frame server (is 'zerlan serve' running?)"))
+              demo.err.find("port 47654 is in use by another zerlan serve (http://127.0.0.1:47654/, serving test pattern"))
         << demo.err;
+    EXPECT_NE(std::string::npos, demo.err.find("ss -ltnp 'sport = :47654'")) << demo.err;
+    EXPECT_NE(std::string::npos, demo.err.find("or give the demo another --port")) << demo.err;
     EXPECT_FALSE(fs::exists(dir_ / "demo" / "result.json"));
+
+    ProcessResult library = runProcess({buildDir() + "/bin/zerlan", "demo", "--library", (dir_ / "none.so").string()});
+    EXPECT_EQ(2, library.status) << "a missing file on the command line is a usage error: " << library.err;
+    EXPECT_NE(std::string::npos, library.err.find("--library " + (dir_ / "none.so").string() + ": no such file"))
+        << library.err;
+}
+
+// The processes whose parent is `parent`, by pid, with their names.
+std::map<pid_t, std::string> childrenOf(pid_t parent)
+{
+    std::map<pid_t, std::string> children;
+    for (const auto &entry : fs::directory_iterator("/proc")) {
+        const std::string stat = readFile(entry.path() / "stat");
+        size_t open = stat.find('('), close = stat.rfind(')');
+        if (open == std::string::npos || close == std::string::npos)
+            continue;
+        char state = 0;
+        int ppid = 0;
+        if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == parent)
+            children[std::stoi(entry.path().filename().string())] = stat.substr(open + 1, close - open - 1);
+    }
+    return children;
+}
+
+// An IDE's stop button or a CI job's cancel signals the demo alone, not its process group: the
+// demo must stop what it started, say so, and leave the port free for the next run.
+TEST_F(ZerlanDemoTest, AnInterruptedDemoStopsWhatItStartedAndSaysSo)
+{
+    struct Case {
+        int signo;
+        const char *name;
+        const char *during; // the sample app running when the signal comes
+        const char *seconds; // how long capture-app runs
+        uint16_t port;
+    };
+    const Case cases[] = {
+        {SIGTERM, "SIGTERM", "capture-app", "30", kFramePort},
+        {SIGINT, "SIGINT", "picker-app", "1", kFramePort},
+        {SIGHUP, "SIGHUP", "capture-app", "30", 47700},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        const fs::path out = dir_ / c.name;
+        const fs::path log = dir_ / (std::string(c.name) + ".err");
+        pid_t demo = spawnLogged({buildDir() + "/bin/zerlan", "demo", "--seconds", c.seconds, "--port", std::to_string(c.port),
+                                  "--out", out.string()},
+                                 log);
+        ASSERT_GT(demo, 0);
+        std::map<pid_t, std::string> children;
+        // Whatever the outcome, nothing of this case may outlive it.
+        bool reaped = false;
+        std::shared_ptr<void> reaper(nullptr, [&](void *) {
+            for (const auto &[pid, name] : children)
+                kill(pid, SIGKILL);
+            if (!reaped && kill(demo, SIGKILL) == 0)
+                waitpid(demo, nullptr, 0);
+        });
+        const bool running = waitFor(
+            [&] {
+                children = childrenOf(demo);
+                bool server = false, app = false;
+                for (const auto &[pid, name] : children) {
+                    server = server || name == "zerlan";
+                    app = app || name == c.during;
+                }
+                return server && app;
+            },
+            90s);
+        ASSERT_TRUE(running) << "the demo's children: " << children.size() << "\n" << readFile(log);
+        EXPECT_EQ(200, http(c.port, "GET", "/frame").status) << "its server, on its port";
+        if (c.port != kFramePort)
+            EXPECT_FALSE(somethingListens()) << "--port moves the whole demo";
+
+        kill(demo, c.signo);
+        int raw = 0;
+        reaped = waitFor([&] { return waitpid(demo, &raw, WNOHANG) == demo; }, 30s);
+        ASSERT_TRUE(reaped) << readFile(log);
+        ASSERT_TRUE(WIFEXITED(raw)) << "it ends by itself, not by the signal";
+        EXPECT_EQ(128 + c.signo, WEXITSTATUS(raw));
+        const std::string err = readFile(log);
+        EXPECT_NE(std::string::npos, err.find(std::string("zerlan demo: interrupted (") + c.name + "): stopped the frame server and " +
+                                              c.during))
+            << err;
+        EXPECT_NE(std::string::npos, err.find("it left in " + out.string() + "/: ")) << err;
+        EXPECT_NE(std::string::npos, err.find("serve.log")) << err;
+        for (const auto &[pid, name] : children)
+            EXPECT_TRUE(kill(pid, 0) != 0 && errno == ESRCH) << name << " (pid " << pid << ") outlived the demo";
+        EXPECT_EQ(0, http(c.port, "GET", "/frame").status) << "the port is free again";
+    }
 }
 
 } // namespace
