@@ -2,9 +2,9 @@
 // control interface, so a camera feed behaves the same way on every test run.
 //
 //   [{"at": 0, "qr": "A"},
-//    {"at": 2.5, "image": "card.jpg"},
-//    {"at": 4, "fault": "stall", "seconds": 1},
-//    {"after_fetches": 20, "qr": "B"}]
+//    {"after_fetches": 20, "qr": "B"},
+//    {"at": 4, "image": "card.jpg"},
+//    {"at": 6, "fault": "stall", "seconds": 1}]
 //
 // Steps play in file order. "at" is seconds since the scenario started (a time already past
 // fires at once); "after_fetches" counts frames served since the step before it fired. The
@@ -55,7 +55,7 @@ Result<Scenario> parseScenario(std::string_view text, const std::string& name,
                                const std::filesystem::path& folder);
 
 // Plays a scenario on a thread of its own from construction, logging each step as it fires
-// ("scenario step 2 of 4 (line 3) at 2.50 s: image card.jpg") or fails, and a line when it is
+// ("scenario step 3 of 4 (line 3) at 4.00 s: image card.jpg") or fails, and a line when it is
 // done. The server must outlive the player.
 class ScenarioPlayer {
  public:
