@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <map>
 #include <memory>
@@ -194,6 +195,12 @@ TEST_F(ZerlanDemoTest, RunsServerAndAppAndLeavesTheResults)
                                       (out / "picker-video.mp4").string()});
     EXPECT_EQ("h264,640,480\n", probe.out) << "the picker's recording: one H.264 stream, no audio";
     EXPECT_NE(std::string::npos, demo.out.find((out / "picker-video.mp4").string())) << demo.out;
+    ProcessResult length = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries", "format=duration", "-of",
+                                       "csv=p=0", (out / "picker-video.mp4").string()});
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, ", %.2f s, ", std::atof(length.out.c_str()));
+    EXPECT_NE(std::string::npos, demo.out.find(seconds)) << "the movie's length as a player shows it, " << seconds
+                                                         << "\n" << demo.out;
     EXPECT_NE(200, http("GET", "/frame").status) << "the demo stops its server";
 }
 

@@ -2,6 +2,8 @@
 // them, step mode's repeatable frames and each source's frame index, what /status tells of the
 // fetches, and scenario files, checked at start and played in order.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -93,6 +95,31 @@ TEST(Faults, EachKindAsTheLibrarysFetchSeesItAndTheFrameAfterIt) {
   EXPECT_TRUE(after["fault"].is_null());
   for (const Case& c : cases) EXPECT_EQ(after["faults"][c.kind], 1) << c.kind;
   EXPECT_EQ(after["errors"], 0) << "a fault asked for is not a client's error";
+}
+
+// The slow fault must stay well inside the library's 2 s for a frame on a loaded machine: its
+// pieces arrive a tenth of a second apart, and there are few enough of them.
+TEST(Faults, SlowSendsTheFrameInTenPiecesATenthOfASecondApart) {
+  auto s = startServer(SourceChoice::pattern(), stepMode());
+  ASSERT_TRUE(s.server);
+  const std::string frame = get(s.port(), "/frame").body;
+  control(s.port(), {{"fault", "slow"}, {"requests", 1}});
+  int fd = connectTo(s.port());
+  ASSERT_TRUE(sendAll(fd, "GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+  std::string received;
+  int arrivals = 0;  // bursts of bytes after a pause; a piece may be read in more than one recv
+  auto last = Clock::now() - 1s;
+  for (char buffer[65536];;) {
+    ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    if (n <= 0) break;
+    if (Clock::now() - last > 50ms) ++arrivals;
+    last = Clock::now();
+    received.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  EXPECT_EQ(received.substr(received.find("\r\n\r\n") + 4), frame);
+  EXPECT_GE(arrivals, 2) << "it trickles";
+  EXPECT_LE(arrivals, 10) << "ten pieces at most: nine pauses of 0.1 s";
 }
 
 TEST(Faults, LastUntilClearedOrTheirTimeAndLeaveTheOtherPagesAlone) {
