@@ -195,10 +195,11 @@ function say(text, bad) {
   m.className = bad ? "bad" : "good";
 }
 const mib = (bytes) => Math.floor(bytes / 1048576) + " MiB";
+function counted(n, noun) { return n + " " + noun + (n === 1 ? "" : "s"); }
 function faultText(f) {
   if (!f) return "none";
   if (f.seconds_left !== null) return f.kind + ", " + f.seconds_left.toFixed(1) + " s left";
-  if (f.requests_left !== null) return f.kind + ", " + f.requests_left + " requests left";
+  if (f.requests_left !== null) return f.kind + ", " + counted(f.requests_left, "request") + " left";
   return f.kind + ", until cleared";
 }
 function show(s) {
@@ -214,7 +215,7 @@ function show(s) {
   $("frame_index").textContent = s.frame_index;
   $("size").textContent = s.width + "×" + s.height + ", " + s.bytes.toLocaleString() + " bytes";
   $("stepbar").hidden = s.mode !== "step";
-  $("steps").textContent = s.mode === "step" ? s.steps + " steps so far" : "";
+  $("steps").textContent = s.mode === "step" ? counted(s.steps, "step") + " so far" : "";
   $("fault").textContent = faultText(s.fault);
   $("faults").textContent = Object.entries(s.faults).filter(([, k]) => k > 0)
       .map(([kind, k]) => kind + " " + k).join(", ") || "none";

@@ -175,6 +175,12 @@ TEST_F(Panel, AFaultIsInjectedShownAndCleared) {
   EXPECT_TRUE(eventually([] { return browser_->text("#fault") == "none"; }));
   EXPECT_EQ(get(port_, "/frame").status, 200);
   EXPECT_GE(status()["faults"]["http-error"], 1);
+
+  // A count of one is said as one.
+  ASSERT_EQ(post(port_, "/control", R"({"fault": "refuse", "requests": 1})").status, 200);
+  EXPECT_TRUE(eventually([] { return browser_->text("#fault") == "refuse, 1 request left"; }))
+      << browser_->text("#fault");
+  ASSERT_EQ(post(port_, "/control", R"({"fault": "none"})").status, 200);
 }
 
 TEST_F(Panel, TheLiveViewIsNoAppFetch) {
