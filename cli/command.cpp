@@ -1,5 +1,7 @@
 #include "cli/command.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <cctype>
 #include <iostream>
@@ -31,6 +33,19 @@ uint16_t libraryFramePort(const std::string& name) {
               << " is not a port (1 to 65535), so the library would ignore it too: using " << port << "\n";
   }
   return port;
+}
+
+std::string signalName(int signo) {
+  switch (signo) {
+    case SIGINT:
+      return "SIGINT";
+    case SIGTERM:
+      return "SIGTERM";
+    case SIGHUP:
+      return "SIGHUP";
+    default:
+      return "signal " + std::to_string(signo);
+  }
 }
 
 namespace {

@@ -39,6 +39,9 @@ CLI::Validator portNumber(bool zeroPicksFree = false);
 // it, and `zerlan NAME` says so on standard error.
 uint16_t libraryFramePort(const std::string& name);
 
+// "SIGINT", "SIGTERM", "SIGHUP" for the signals that stop a command; "signal N" for others.
+std::string signalName(int signo);
+
 // Of `candidates`, the one `word` is most likely a slip of the fingers for, if any.
 std::optional<std::string> closestTo(const std::string& word, const std::vector<std::string>& candidates);
 

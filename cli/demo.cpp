@@ -539,9 +539,7 @@ int runInterruptibly(const DemoOptions& o) {
     std::sort(files.begin(), files.end());
     std::string left;
     for (const std::string& file : files) left += (left.empty() ? "" : ", ") + file;
-    const int signo = interrupted.signo;
-    std::cerr << "zerlan demo: interrupted ("
-              << (signo == SIGINT ? "SIGINT" : signo == SIGHUP ? "SIGHUP" : "SIGTERM") << ")"
+    std::cerr << "zerlan demo: interrupted (" << signalName(interrupted.signo) << ")"
               << (stopped.empty() ? "" : ": stopped " + stopped) << "; "
               << (left.empty() ? "it left nothing in " + o.out : "it left in " + o.out + "/: " + left) << "\n";
     return 128 + interrupted.signo;

@@ -256,7 +256,7 @@ int runServe(const ServeOptions& o) {
   std::ostringstream summary;
   summary.precision(1);
   summary << std::fixed << "stopped ("
-          << (signo == SIGUSR1 ? "nothing to serve" : signo == SIGINT ? "SIGINT" : signo == SIGHUP ? "SIGHUP" : "SIGTERM")
+          << (signo == SIGUSR1 ? "nothing to serve" : signalName(signo))
           << ") after " << t.uptimeSeconds << " s: " << server::counted(t.framesServed, "frame") << " served, "
           << server::counted(t.requests, "request") << ", " << server::counted(t.errors, "error");
   log(summary.str());

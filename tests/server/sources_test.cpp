@@ -198,13 +198,18 @@ TEST(Sources, VideoPlaysScaledAndLoops) {
   expectPaced(frames, 20);  // the video's own rate, through the loop
 }
 
+// A server on the stream read from `fd`, counting how often it says there is nothing to serve.
+RunningServer startStreamServer(int fd, std::atomic<int>& nothingToServe) {
+  server::ServerOptions options;
+  options.nothingToServe = [&nothingToServe] { ++nothingToServe; };
+  return startServer(SourceChoice::stream(fd), {}, options);
+}
+
 TEST(Sources, StreamFramesReplaceEachOther) {
   int fds[2];
   ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
   std::atomic<int> nothingToServe{0};
-  server::ServerOptions options;
-  options.nothingToServe = [&] { ++nothingToServe; };
-  auto s = startServer(SourceChoice::stream(fds[0]), {}, options);
+  auto s = startStreamServer(fds[0], nothingToServe);
   ASSERT_TRUE(s.server);
   EXPECT_EQ(get(s.port(), "/frame").status, 503) << "nothing to serve before the first frame";
 
@@ -236,9 +241,7 @@ TEST(Sources, AStreamThatEndsBeforeItsFirstFrameLeavesNothingToServe) {
     int fds[2];
     ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
     std::atomic<int> nothingToServe{0};
-    server::ServerOptions options;
-    options.nothingToServe = [&] { ++nothingToServe; };
-    auto s = startServer(SourceChoice::stream(fds[0]), {}, options);
+    auto s = startStreamServer(fds[0], nothingToServe);
     ASSERT_TRUE(s.server);
     ASSERT_TRUE(sendAll(fds[1], before));
     ::close(fds[1]);
