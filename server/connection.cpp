@@ -522,14 +522,20 @@ bool Connection::checkAddressing(const http::Request& req) {
                            localAddressOf(socket_.native_handle()), portRequired);
   };
   // A request without Host (HTTP/1.0) cannot have come through a name that points here from
-  // elsewhere; one with a foreign name may have (DNS rebinding), so it gets nothing.
-  if (req.hasHost && !names(req.host, false)) {
+  // elsewhere; one with a foreign name may have (DNS rebinding), so it gets nothing. An absolute
+  // target names its server too, and is held to the same rule.
+  auto misdirected = [&](const std::string& what) {
     linger_ = true;
-    respondError(421,
-                 "this server answers requests for 127.0.0.1:" + std::to_string(port) +
-                     ", localhost:" + std::to_string(port) + " or [::1]:" + std::to_string(port) +
-                     ", not for Host \"" + shortened(req.host) + "\"");
+    respondError(421, "this server answers requests for 127.0.0.1:" + std::to_string(port) +
+                          ", localhost:" + std::to_string(port) + " or [::1]:" +
+                          std::to_string(port) + ", not for " + what);
     return false;
+  };
+  if (req.absolute && !names(req.authority, false)) {
+    return misdirected("the target " + shortened(req.target));
+  }
+  if (req.hasHost && !names(req.host, false)) {
+    return misdirected("Host \"" + shortened(req.host) + "\"");
   }
   // Browsers name the page that made a request in Origin: only our own status page may use
   // this server from a browser.

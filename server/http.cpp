@@ -99,8 +99,12 @@ ParseResult checkRequestLine(std::string_view line, bool complete, Request& out)
 
   std::string_view path = target;
   if (path.starts_with("http://") || path.starts_with("https://")) {
-    size_t slash = path.find('/', path.find("//") + 2);
-    path = slash == std::string_view::npos ? std::string_view("/") : path.substr(slash);
+    std::string_view rest = path.substr(path.find("//") + 2);
+    size_t end = rest.find_first_of("/?#");
+    out.authority = rest.substr(0, end);
+    out.absolute = true;
+    path = end != std::string_view::npos && rest[end] == '/' ? rest.substr(end)
+                                                             : std::string_view("/");
   } else if (path != "*" && path.front() != '/') {
     return error(400, "malformed request line: the target must start with /");
   }
@@ -144,6 +148,7 @@ ParseResult parseRequestHead(std::string_view buffer, size_t maxHead) {
 
   req.headSize = end;
   bool haveLength = false;
+  bool haveType = false;
   std::string_view rest = buffer.substr(firstLf + 1, end - firstLf - 1);
   while (!rest.empty()) {
     size_t lf = rest.find('\n');
@@ -190,7 +195,6 @@ ParseResult parseRequestHead(std::string_view buffer, size_t maxHead) {
       haveLength = true;
       req.contentLength = length;
     } else if (iequals(name, "Host")) {
-      // Two Host values would let a check of one and a use of the other disagree.
       if (req.hasHost) return error(400, "malformed header: more than one Host");
       req.hasHost = true;
       req.host = value;
@@ -199,12 +203,19 @@ ParseResult parseRequestHead(std::string_view buffer, size_t maxHead) {
       req.hasOrigin = true;
       req.origin = value;
     } else if (iequals(name, "Content-Type")) {
+      if (haveType) return error(400, "malformed header: more than one Content-Type");
+      haveType = true;
       req.contentType = value;
     } else if (iequals(name, "Expect")) {
       req.expectContinue = iequals(value, "100-continue");
     } else if (iequals(name, "Transfer-Encoding")) {
       return error(501, "Transfer-Encoding is not supported: send the body with Content-Length");
     }
+  }
+
+  if (req.minorVersion == 1 && !req.hasHost) {
+    return error(400, "an HTTP/1.1 request must say which server it is for: add a Host header "
+                      "(Host: 127.0.0.1)");
   }
 
   ParseResult r;

@@ -14,6 +14,10 @@ struct Request {
   std::string_view method;
   std::string_view target;
   std::string_view path;  // the target without query, and without scheme and authority
+  // An absolute target ("http://host:port/path") names the server it is for: that authority
+  // (empty when the target is a path).
+  std::string_view authority;
+  bool absolute = false;
   int minorVersion = 1;
   size_t headSize = 0;  // bytes up to and including the blank line
   size_t contentLength = 0;
@@ -38,7 +42,9 @@ struct ParseResult {
 // Parses the request head at the start of `buffer`. A head of exactly `maxHead` bytes (blank
 // line included) is accepted; one byte more is 431. A request line that cannot become valid is
 // rejected as soon as it is seen, without waiting for the rest of the head. Lines may end in
-// CRLF or a bare LF.
+// CRLF or a bare LF. An HTTP/1.1 request without Host, and a header that must come once (Host,
+// Origin, Content-Type) given twice, are 400: a check of one value and a use of another could
+// disagree.
 ParseResult parseRequestHead(std::string_view buffer, size_t maxHead);
 
 std::string_view reasonPhrase(int status);

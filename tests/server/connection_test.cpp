@@ -43,7 +43,7 @@ TEST(Addressing, OnlyRequestsForThisServerAreAnswered) {
       {"Host: LocalHost\r\n", 200},
       {"Host: [::1]\r\n", 200},
       {"Host: [::1]:" + port + "\r\n", 200},
-      {"", 200},  // no Host at all, as an HTTP/1.0 client may send
+      {"", 400},  // HTTP/1.1 must name the server (HTTP/1.0 need not: below)
       // Names that point here from elsewhere, and malformed ones.
       {"Host: attacker.example\r\n", 421},
       {"Host: attacker.example:" + port + "\r\n", 421},
@@ -74,7 +74,29 @@ TEST(Addressing, OnlyRequestsForThisServerAreAnswered) {
     }
     if (c.status == 403) EXPECT_NE(r.body.find("Origin"), std::string::npos) << r.body;
   }
-  EXPECT_EQ(s.server->totals().framesServed, 9u);
+  // An absolute target names its server as Host does, and is held to the same rule; so is a
+  // Host beside it.
+  struct Raw {
+    std::string request;
+    int status;
+  };
+  const Raw raws[] = {
+      {"GET /frame HTTP/1.0\r\n\r\n", 200},
+      {"GET http://127.0.0.1:" + port + "/frame HTTP/1.1\r\nHost: 127.0.0.1:" + port + "\r\n\r\n", 200},
+      {"GET http://localhost/frame?x=1 HTTP/1.0\r\n\r\n", 200},
+      {"GET http://evil.example/frame HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", 421},
+      {"GET http://evil.example/frame HTTP/1.0\r\n\r\n", 421},
+      {"GET http://127.0.0.1@evil.example/frame HTTP/1.0\r\n\r\n", 421},
+      {"GET http:///frame HTTP/1.0\r\n\r\n", 421},
+      {"GET http://127.0.0.1/frame HTTP/1.1\r\nHost: evil.example\r\n\r\n", 421},
+  };
+  for (const Raw& raw : raws) {
+    Reply r = roundTrip(s.port(), raw.request);
+    EXPECT_EQ(r.status, raw.status) << raw.request;
+    if (raw.status == 421) EXPECT_NE(r.body.find("not for "), std::string::npos) << r.body;
+    if (raw.status == 200) EXPECT_EQ(r.headers["content-type"], "image/jpeg") << raw.request;
+  }
+  EXPECT_EQ(s.server->totals().framesServed, 11u);
   // A refused control request changes nothing.
   Reply control = roundTrip(
       s.port(), "POST /control HTTP/1.1\r\nHost: attacker.example\r\nContent-Type: "

@@ -43,8 +43,17 @@ TEST(HttpParser, Verdicts) {
       {"two different lengths",
        "POST /control HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n", Parse::Error,
        400},
-      {"chunked body", "POST /control HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n", Parse::Error,
-       501},
+      {"chunked body", "POST /control HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n",
+       Parse::Error, 501},
+      // Which server a request is for, and what its body is, must be said once.
+      {"HTTP/1.1 without Host", "GET /frame HTTP/1.1\r\nConnection: close\r\n\r\n", Parse::Error,
+       400},
+      {"two Content-Types",
+       "POST /control HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+       "content-type: text/plain\r\n\r\n",
+       Parse::Error, 400},
+      {"two Origins", "GET / HTTP/1.1\r\nHost: x\r\nOrigin: http://x\r\nOrigin: http://x\r\n\r\n",
+       Parse::Error, 400},
   };
   for (const Case& c : cases) {
     ParseResult r = parseRequestHead(c.bytes, 8192);
@@ -67,16 +76,36 @@ TEST(HttpParser, FieldsOfACompleteRequest) {
   EXPECT_EQ(r.request.contentLength, 7u);
   EXPECT_EQ(bytes.substr(r.request.headSize), "{\"a\":1}");
 
-  ParseResult cacheBuster = parseRequestHead("GET /frame?n=12 HTTP/1.1\r\n\r\n", 8192);
+  EXPECT_TRUE(r.request.absolute);
+  EXPECT_EQ(r.request.authority, "127.0.0.1:47654");
+
+  ParseResult cacheBuster = parseRequestHead("GET /frame?n=12 HTTP/1.1\r\nHost: x\r\n\r\n", 8192);
   ASSERT_EQ(cacheBuster.state, Parse::Complete);
   EXPECT_EQ(cacheBuster.request.path, "/frame");
   EXPECT_EQ(cacheBuster.request.target, "/frame?n=12");
+  EXPECT_FALSE(cacheBuster.request.absolute);
+  EXPECT_EQ(cacheBuster.request.authority, "");
 
-  // An absolute target with an empty authority and no path, as the fuzzer sent it: the root.
-  ParseResult noPath = parseRequestHead("GET http://?x=1 HTTP/1.0\nHost: 127.0.0.1\n\n", 8192);
-  ASSERT_EQ(noPath.state, Parse::Complete) << noPath.reason;
-  EXPECT_EQ(noPath.request.path, "/");
-  EXPECT_EQ(noPath.request.target, "http://?x=1");
+  // Absolute targets: the authority ends at the path, the query or the fragment, and a target
+  // without a path (an empty authority included, as the fuzzer sent it) stands for the root.
+  struct Absolute {
+    std::string target, authority, path;
+  };
+  const Absolute absolutes[] = {
+      {"http://?x=1", "", "/"},
+      {"https://localhost", "localhost", "/"},
+      {"http://evil.example?a=/frame", "evil.example", "/"},
+      {"http://[::1]:80#x/y", "[::1]:80", "/"},
+      {"http://user@127.0.0.1/status", "user@127.0.0.1", "/status"},
+  };
+  for (const Absolute& a : absolutes) {
+    const std::string head = "GET " + a.target + " HTTP/1.0\nHost: 127.0.0.1\n\n";
+    ParseResult p = parseRequestHead(head, 8192);
+    ASSERT_EQ(p.state, Parse::Complete) << a.target << ": " << p.reason;
+    EXPECT_TRUE(p.request.absolute) << a.target;
+    EXPECT_EQ(p.request.authority, a.authority) << a.target;
+    EXPECT_EQ(p.request.path, a.path) << a.target;
+  }
 }
 
 // A head of exactly the limit is accepted; one byte more is 431, whether the blank line has
@@ -84,7 +113,7 @@ TEST(HttpParser, FieldsOfACompleteRequest) {
 TEST(HttpParser, HeadLimitBoundary) {
   const size_t limit = 256;
   auto headOf = [](size_t total) {
-    std::string start = "GET /frame HTTP/1.1\r\nX-Pad: ";
+    std::string start = "GET /frame HTTP/1.1\r\nHost: x\r\nX-Pad: ";
     std::string end = "\r\n\r\n";
     return start + std::string(total - start.size() - end.size(), 'a') + end;
   };

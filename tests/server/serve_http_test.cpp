@@ -86,19 +86,23 @@ TEST_F(ImageServer, BadRequestsGetTheRightStatus) {
     std::string allow;
   };
   const Case cases[] = {
-      {"GET /nope HTTP/1.1\r\n\r\n", 404, ""},
-      {"GET /frames HTTP/1.1\r\n\r\n", 404, ""},
-      {"POST /frame HTTP/1.1\r\nContent-Length: 0\r\n\r\n", 405, "GET, HEAD"},
-      {"DELETE /status HTTP/1.1\r\n\r\n", 405, "GET, HEAD"},
-      {"PUT / HTTP/1.1\r\nContent-Length: 0\r\n\r\n", 405, "GET, HEAD"},
-      {"GET /control HTTP/1.1\r\n\r\n", 405, "POST"},
-      {"get /frame HTTP/1.1\r\n\r\n", 405, "GET, HEAD"},  // methods are case-sensitive
+      {"GET /nope HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", 404, ""},
+      {"GET /frames HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", 404, ""},
+      {"POST /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\n\r\n", 405, "GET, HEAD"},
+      {"DELETE /status HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", 405, "GET, HEAD"},
+      {"PUT / HTTP/1.0\r\nContent-Length: 0\r\n\r\n", 405, "GET, HEAD"},
+      {"GET /control HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", 405, "POST"},
+      {"get /frame HTTP/1.0\r\n\r\n", 405, "GET, HEAD"},  // methods are case-sensitive
       {"GARBAGE\r\n\r\n", 400, ""},
       {"GET frame HTTP/1.1\r\n\r\n", 400, ""},
-      {"GET /frame HTTP/1.1\r\nNoColon\r\n\r\n", 400, ""},
+      {"GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nNoColon\r\n\r\n", 400, ""},
+      {"GET /frame HTTP/1.1\r\nConnection: close\r\n\r\n", 400, ""},  // HTTP/1.1 without Host
       {"GET /frame HTTP/2.0\r\n\r\n", 505, ""},
-      {"POST /control HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 501, ""},
-      {"POST /control HTTP/1.1\r\nContent-Length: 70000\r\n\r\n", 413, ""},
+      {"POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 501, ""},
+      {"POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 70000\r\n\r\n", 413, ""},
+      {"POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\nContent-Type: text/plain\r\n"
+       "Content-Length: 2\r\n\r\n{}",
+       400, ""},
   };
   for (const Case& c : cases) {
     Reply r = roundTrip(s.port(), c.request);
@@ -138,7 +142,7 @@ TEST_F(ImageServer, HeadLimitBoundaryOverTheWire) {
   auto s = start(options);
   ASSERT_TRUE(s.server);
   auto headOf = [](size_t total) {
-    std::string start = "GET /frame HTTP/1.1\r\nX-Pad: ";
+    std::string start = "GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Pad: ";
     return start + std::string(total - start.size() - 4, 'p') + "\r\n\r\n";
   };
   EXPECT_EQ(roundTrip(s.port(), headOf(1024)).status, 200);
@@ -154,7 +158,7 @@ TEST_F(ImageServer, BodiesAndPipelinedRequests) {
   ASSERT_TRUE(s.server);
   // A GET with a body: answered, and the body drained so the answer is not lost to a reset.
   Reply withBody = roundTrip(
-      s.port(), "GET /frame HTTP/1.1\r\nContent-Length: 5000\r\n\r\n" + std::string(5000, 'b'));
+      s.port(), "GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 5000\r\n\r\n" + std::string(5000, 'b'));
   EXPECT_EQ(withBody.status, 200);
   EXPECT_EQ(withBody.body, jpeg_);
 
@@ -167,7 +171,7 @@ TEST_F(ImageServer, BodiesAndPipelinedRequests) {
   int fd = connectTo(s.port());
   std::string body = R"({"fps": 12})";
   sendAll(fd,
-          "POST /control HTTP/1.1\r\nContent-Type: application/json\r\nExpect: "
+          "POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\nExpect: "
           "100-continue\r\nContent-Length: " +
                   std::to_string(body.size()) + "\r\n\r\n");
   std::string interim;
@@ -274,7 +278,7 @@ TEST(ServeHttp, LargeAnswerToARequestWithABodyArrivesWhole) {
   auto s = startServer(SourceChoice::image(dir.write("noise.jpg", big)));
   ASSERT_TRUE(s.server);
   for (int i = 0; i < 3; ++i) {
-    Reply r = roundTrip(s.port(), "GET /frame HTTP/1.1\r\nContent-Length: 100000\r\n\r\n" +
+    Reply r = roundTrip(s.port(), "GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 100000\r\n\r\n" +
                                       std::string(100000, 'b'));
     EXPECT_EQ(r.status, 200);
     EXPECT_EQ(r.body.size(), big.size());
@@ -379,7 +383,7 @@ TEST(ServeHttp, StatusCountsEveryRequest) {
   auto s = startServer();
   ASSERT_TRUE(s.server);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(get(s.port(), "/frame").status, 200);
-  EXPECT_EQ(roundTrip(s.port(), "HEAD /frame HTTP/1.1\r\n\r\n").status, 200);
+  EXPECT_EQ(roundTrip(s.port(), "HEAD /frame HTTP/1.0\r\n\r\n").status, 200);
   EXPECT_EQ(get(s.port(), "/missing").status, 404);
 
   auto status = statusOf(s.port());
