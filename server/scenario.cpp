@@ -16,6 +16,9 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr auto kFetchPoll = std::chrono::milliseconds(10);
+// Far beyond any test run, and far below where seconds overflow the clock's nanoseconds (about
+// 9.2e9 s), which would make a step fire at once.
+constexpr double kMaxAtSeconds = 1e6;
 
 int lineAt(std::string_view text, size_t offset) {
   offset = std::min(offset, text.size());
@@ -80,8 +83,8 @@ Result<ScenarioStep> parseStep(const nlohmann::json& item, const fs::path& folde
   int sources = 0;
   for (const auto& [key, value] : item.items()) {
     if (key == "at") {
-      if (!value.is_number() || !(value.get<double>() >= 0) || !std::isfinite(value.get<double>()))
-        return fail("\"at\" must be a number of seconds from 0");
+      if (!value.is_number() || !(value.get<double>() >= 0 && value.get<double>() <= kMaxAtSeconds))
+        return fail("\"at\" must be a number of seconds from 0 to 1000000 (about 11 days)");
       step.at = value.get<double>();
     } else if (key == "after_fetches") {
       if (!value.is_number_integer() || value.get<int64_t>() < 0)

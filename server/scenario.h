@@ -6,12 +6,12 @@
 //    {"at": 4, "image": "card.jpg"},
 //    {"at": 6, "fault": "stall", "seconds": 1}]
 //
-// Steps play in file order. "at" is seconds since the scenario started (a time already past
-// fires at once); "after_fetches" counts frames served since the step before it fired. The
-// rest of a step is what it does: "qr", "image", "dir", "video" (paths relative to the file's
-// folder), "camera" (a camera's name, "" for the default one), "source": "pattern" or "camera",
-// "fps", "step" (step mode), or "fault" with "seconds" or "requests", as POST /control takes
-// them.
+// Steps play in file order. "at" is seconds since the scenario started, at most 1e6 (a time
+// already past fires at once); "after_fetches" counts frames served since the step before it
+// fired. The rest of a step is what it does: "qr", "image", "dir", "video" (paths relative to
+// the file's folder), "camera" (a camera's name, "" for the default one), "source": "pattern"
+// or "camera", "fps", "step" (step mode), or "fault" with "seconds" or "requests", as POST
+// /control takes them.
 #pragma once
 
 #include <chrono>

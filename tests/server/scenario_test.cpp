@@ -304,6 +304,9 @@ TEST(ScenarioFile, IsRefusedWithTheLineAndTheReason) {
       {"[{\"qr\": \"A\"}]", "s.json:1: a step needs \"at\""},
       {"[{\"at\": 1, \"after_fetches\": 2, \"qr\": \"A\"}]", "not both"},
       {"[{\"at\": -1, \"qr\": \"A\"}]", "\"at\" must be a number of seconds from 0"},
+      // Past the limit, and where seconds would overflow the clock and fire at once.
+      {"[{\"at\": 0, \"qr\": \"A\"},\n {\"at\": 1000000.5, \"qr\": \"B\"}]", "s.json:2: \"at\" must be"},
+      {"[{\"at\": 1e10, \"qr\": \"A\"}]", "s.json:1: \"at\" must be a number of seconds from 0 to 1000000"},
       {"[{\"after_fetches\": 1.5, \"qr\": \"A\"}]", "\"after_fetches\" must be a whole number"},
       {"[{\"at\": 0}]", "s.json:1: the step does nothing"},
       {"[\n{\"at\": 0,\n \"image\": \"missing.jpg\"}]", "s.json:2: " + dir.file("missing.jpg") + " does not exist"},
@@ -320,10 +323,11 @@ TEST(ScenarioFile, IsRefusedWithTheLineAndTheReason) {
   }
   auto good = server::parseScenario(
       "[{\"at\": 0, \"qr\": \"A\"},\n {\"at\": 2.5, \"image\": \"card.jpg\"},\n"
-      " {\"at\": 4, \"fault\": \"stall\", \"seconds\": 1},\n {\"after_fetches\": 20, \"qr\": \"B\"}]",
+      " {\"at\": 4, \"fault\": \"stall\", \"seconds\": 1},\n {\"after_fetches\": 20, \"qr\": \"B\"},\n"
+      " {\"at\": 1000000, \"qr\": \"C\"}]",
       "s.json", dir.path());
   ASSERT_TRUE(good) << good.error().message;
-  ASSERT_EQ(good->steps.size(), 4u);
+  ASSERT_EQ(good->steps.size(), 5u);
   EXPECT_EQ(good->steps[2].line, 3);
   EXPECT_EQ(good->steps[1].control, json({{"source", {{"image", dir.file("card.jpg")}}}}))
       << "paths start from the file's folder";
