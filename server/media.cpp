@@ -1,9 +1,11 @@
 #include "server/media.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -113,6 +115,15 @@ struct MediaReader::State {
   bool flushed = false;  // the decoder was sent its end-of-stream packet
   bool fill = false;     // crop to the shape asked for instead of stretching
   bool waiting = false;  // the device had no frame ready
+  bool holding = false;  // `frame` is the frame decoded last
+  uint64_t position = 0;  // of the next frame decoded, from the start of the file
+
+  // What stepping learns of the file: its frame count, and from the container every frame's
+  // presentation time in order with the positions of the keyframes among them.
+  std::optional<uint64_t> length;
+  enum class Table { Unread, Usable, Unusable } table = Table::Unread;
+  std::vector<int64_t> times;
+  std::vector<uint64_t> keyframes;
 
   ~State() {
     sws_freeContext(sws);
@@ -121,6 +132,15 @@ struct MediaReader::State {
     avcodec_free_context(&codec);
     avformat_close_input(&format);
   }
+
+  Result<bool> decode();
+  Result<bool> advance();
+  Result<MediaFrame> convert(std::optional<Size> size);
+  Result<void> rewind();
+  int64_t frameTime() const { return frame->best_effort_timestamp; }
+  void readTable(const StopSignal& stop);
+  void dropTable();
+  Result<bool> seek(uint64_t target, const StopSignal& stop);
 };
 
 Result<std::unique_ptr<MediaReader>> MediaReader::open(const std::string& path) {
@@ -219,83 +239,226 @@ double MediaReader::duration() const {
   return length == AV_NOPTS_VALUE || length <= 0 ? 0 : static_cast<double>(length) / AV_TIME_BASE;
 }
 
-Result<std::optional<MediaFrame>> MediaReader::receive(std::optional<Size> size, bool& got) {
-  State& s = *s_;
-  got = false;
-  int rc = avcodec_receive_frame(s.codec, s.frame);
-  if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return std::optional<MediaFrame>();
-  if (rc < 0) return fail("cannot decode " + s.path + ": " + averror(rc));
-  got = true;
+// The next frame into `frame`, not converted; false at the end of the stream, or while a device
+// has no frame ready (`waiting`).
+Result<bool> MediaReader::State::decode() {
+  av_frame_unref(frame);
+  holding = false;
+  waiting = false;
+  for (;;) {
+    int rc = avcodec_receive_frame(codec, frame);
+    if (rc == 0) {
+      holding = true;
+      return true;
+    }
+    if (rc != AVERROR(EAGAIN) && rc != AVERROR_EOF) return fail("cannot decode " + path + ": " + averror(rc));
+    if (flushed) return false;
 
-  if (s.fill && size) cropToShape(s.frame, *size);
-  const int w = s.frame->width;
-  const int h = s.frame->height;
-  Size out = size.value_or(Size{w, h});
-  s.sws =
-      sws_getCachedContext(s.sws, w, h, static_cast<AVPixelFormat>(s.frame->format), out.width,
-                           out.height, AV_PIX_FMT_RGB24, SWS_BILINEAR, nullptr, nullptr, nullptr);
-  if (!s.sws) {
-    av_frame_unref(s.frame);
-    return fail("cannot convert the pictures of " + s.path + " to RGB");
+    rc = av_read_frame(format, packet);
+    if (rc == AVERROR(EAGAIN)) {
+      waiting = true;
+      return false;
+    }
+    if (rc == AVERROR_EOF) {
+      avcodec_send_packet(codec, nullptr);
+      flushed = true;
+      continue;
+    }
+    if (rc < 0) return fail("cannot read " + path + ": " + averror(rc));
+    if (packet->stream_index == stream) {
+      rc = avcodec_send_packet(codec, packet);
+      // A damaged packet loses one picture, not the whole video.
+      if (rc < 0 && rc != AVERROR(EAGAIN) && rc != AVERROR_INVALIDDATA) {
+        av_packet_unref(packet);
+        return fail("cannot decode " + path + ": " + averror(rc));
+      }
+    }
+    av_packet_unref(packet);
   }
+}
+
+// decode() that keeps count: of the position, of the length at the end, and of whether the
+// container's times still match what the decoder gives.
+Result<bool> MediaReader::State::advance() {
+  auto got = decode();
+  if (!got || !*got) {
+    if (got && !waiting && position > 0) {
+      if (table == Table::Usable && position != times.size()) dropTable();
+      length = position;
+    }
+    return got;
+  }
+  if (table == Table::Usable && (position >= times.size() || times[position] != frameTime())) {
+    dropTable();
+  }
+  ++position;
+  return true;
+}
+
+Result<MediaFrame> MediaReader::State::convert(std::optional<Size> size) {
+  if (fill && size) cropToShape(frame, *size);
+  const int w = frame->width;
+  const int h = frame->height;
+  Size out = size.value_or(Size{w, h});
+  sws = sws_getCachedContext(sws, w, h, static_cast<AVPixelFormat>(frame->format), out.width,
+                             out.height, AV_PIX_FMT_RGB24, SWS_BILINEAR, nullptr, nullptr, nullptr);
+  if (!sws) return fail("cannot convert the pictures of " + path + " to RGB");
   MediaFrame result;
   result.image = RgbImage(out.width, out.height);
   uint8_t* dst[4] = {result.image.pixels.data(), nullptr, nullptr, nullptr};
   int dstStride[4] = {out.width * 3, 0, 0, 0};
-  sws_scale(s.sws, s.frame->data, s.frame->linesize, 0, h, dst, dstStride);
+  sws_scale(sws, frame->data, frame->linesize, 0, h, dst, dstStride);
 
-  int64_t pts = s.frame->best_effort_timestamp;
+  int64_t pts = frameTime();
   result.seconds = pts == AV_NOPTS_VALUE
                        ? std::nan("")
-                       : static_cast<double>(pts) * av_q2d(s.format->streams[s.stream]->time_base);
-  av_frame_unref(s.frame);
-  return std::optional<MediaFrame>(std::move(result));
+                       : static_cast<double>(pts) * av_q2d(format->streams[stream]->time_base);
+  return result;
 }
 
 bool MediaReader::waiting() const { return s_->waiting; }
 
 Result<std::optional<MediaFrame>> MediaReader::next(std::optional<Size> size) {
-  State& s = *s_;
-  s.waiting = false;
-  bool got = false;
-  for (;;) {
-    auto frame = receive(size, got);
-    if (!frame || got) return frame;
-    if (s.flushed) return std::optional<MediaFrame>();
-
-    int rc = av_read_frame(s.format, s.packet);
-    if (rc == AVERROR(EAGAIN)) {
-      s.waiting = true;
-      return std::optional<MediaFrame>();
-    }
-    if (rc == AVERROR_EOF) {
-      avcodec_send_packet(s.codec, nullptr);
-      s.flushed = true;
-      continue;
-    }
-    if (rc < 0) return fail("cannot read " + s.path + ": " + averror(rc));
-    if (s.packet->stream_index == s.stream) {
-      rc = avcodec_send_packet(s.codec, s.packet);
-      // A damaged packet loses one picture, not the whole video.
-      if (rc < 0 && rc != AVERROR(EAGAIN) && rc != AVERROR_INVALIDDATA) {
-        av_packet_unref(s.packet);
-        return fail("cannot decode " + s.path + ": " + averror(rc));
-      }
-    }
-    av_packet_unref(s.packet);
-  }
+  auto got = s_->advance();
+  if (!got) return got.error();
+  if (!*got) return std::optional<MediaFrame>();
+  auto frame = s_->convert(size);
+  if (!frame) return frame.error();
+  return std::optional<MediaFrame>(std::move(frame.value()));
 }
 
-Result<void> MediaReader::rewind() {
-  State& s = *s_;
-  int64_t start = s.format->streams[s.stream]->start_time;
+Result<void> MediaReader::State::rewind() {
+  int64_t start = format->streams[stream]->start_time;
   if (start == AV_NOPTS_VALUE) start = 0;
-  int rc = av_seek_frame(s.format, s.stream, start, AVSEEK_FLAG_BACKWARD);
-  if (rc < 0) rc = avformat_seek_file(s.format, s.stream, INT64_MIN, start, start, 0);
-  if (rc < 0) return fail("cannot go back to the start of " + s.path + ": " + averror(rc));
-  avcodec_flush_buffers(s.codec);
-  s.flushed = false;
+  int rc = av_seek_frame(format, stream, start, AVSEEK_FLAG_BACKWARD);
+  if (rc < 0) rc = avformat_seek_file(format, stream, INT64_MIN, start, start, 0);
+  if (rc < 0) return fail("cannot go back to the start of " + path + ": " + averror(rc));
+  avcodec_flush_buffers(codec);
+  flushed = false;
+  av_frame_unref(frame);
+  holding = false;
+  position = 0;
   return {};
+}
+
+Result<void> MediaReader::rewind() { return s_->rewind(); }
+
+// Reads the presentation time of every packet of the stream, without decoding, from a context
+// of its own. Unusable when a packet has no time or shares one, or the times disagree with the
+// frame in hand; left Unread when `stop` comes first.
+void MediaReader::State::readTable(const StopSignal& stop) {
+  AVFormatContext* scan = nullptr;
+  AVDictionary* options = openOptions();
+  int opened = avformat_open_input(&scan, path.c_str(), nullptr, &options);
+  av_dict_free(&options);
+  table = Table::Unusable;
+  if (opened < 0) return;
+  AVPacket* p = av_packet_alloc();
+  std::vector<std::pair<int64_t, bool>> found;
+  int rc = p ? 0 : AVERROR(ENOMEM);
+  while (rc >= 0 && (rc = av_read_frame(scan, p)) >= 0) {
+    if (stop.requested()) {
+      table = Table::Unread;
+      break;
+    }
+    if (p->stream_index == stream && !(p->flags & AV_PKT_FLAG_DISCARD)) {
+      if (p->pts == AV_NOPTS_VALUE) {
+        rc = AVERROR_INVALIDDATA;
+      } else {
+        found.emplace_back(p->pts, (p->flags & AV_PKT_FLAG_KEY) != 0);
+      }
+    }
+    av_packet_unref(p);
+  }
+  av_packet_free(&p);
+  avformat_close_input(&scan);
+  if (table == Table::Unread || rc != AVERROR_EOF || found.empty()) return;
+  std::sort(found.begin(), found.end());
+  times.clear();
+  keyframes.clear();
+  for (size_t i = 0; i < found.size(); ++i) {
+    if (i > 0 && found[i].first == found[i - 1].first) return;
+    times.push_back(found[i].first);
+    if (found[i].second) keyframes.push_back(i);
+  }
+  if (holding && (position == 0 || position > times.size() || times[position - 1] != frameTime()))
+    return;
+  table = Table::Usable;
+  length = times.size();
+}
+
+void MediaReader::State::dropTable() {
+  table = Table::Unusable;
+  times.clear();
+  keyframes.clear();
+  length.reset();  // it came from the table; the end of the stream tells it again
+}
+
+// Goes to frame `target` from the keyframe before it (or one before that, should the container
+// land later than asked). False when it cannot: the table is dropped and the stream rewound.
+Result<bool> MediaReader::State::seek(uint64_t target, const StopSignal& stop) {
+  auto key = std::upper_bound(keyframes.begin(), keyframes.end(), target);
+  for (int tries = 0; tries < 3 && key != keyframes.begin(); ++tries) {
+    --key;
+    if (av_seek_frame(format, stream, times[*key], AVSEEK_FLAG_BACKWARD) < 0) break;
+    avcodec_flush_buffers(codec);
+    flushed = false;
+    for (;;) {
+      if (stop.requested()) return false;
+      auto got = decode();
+      if (!got) return got.error();
+      if (!*got || frameTime() > times[target]) break;
+      // Frames before the keyframe that the decoder still gives out (an open GOP) are earlier.
+      if (frameTime() == times[target]) {
+        position = target + 1;
+        return true;
+      }
+    }
+  }
+  dropTable();
+  if (auto rewound = rewind(); !rewound) return rewound.error();
+  return false;
+}
+
+Result<std::optional<MediaFrame>> MediaReader::frameAt(uint64_t index, std::optional<Size> size,
+                                                      const StopSignal& stop) {
+  // Up to this many frames ahead, decoding them is quicker than reading the container's times.
+  constexpr uint64_t kWalkFrames = 64;
+  State& s = *s_;
+  using Table = State::Table;
+  for (;;) {
+    if (stop.requested()) return std::optional<MediaFrame>();
+    const uint64_t target = s.length ? index % *s.length : index;
+    const bool held = s.holding && s.position > 0;
+    if (held && s.position - 1 == target) break;
+    const bool behind = target < s.position;
+    if (s.table == Table::Unread && (behind || target - s.position >= kWalkFrames)) {
+      s.readTable(stop);
+      continue;
+    }
+    if (s.table == Table::Usable) {
+      // Seek only where it skips decoding: backwards, or to a keyframe ahead of the next frame.
+      auto key = std::upper_bound(s.keyframes.begin(), s.keyframes.end(), target);
+      if (behind || (key != s.keyframes.begin() && *std::prev(key) > s.position)) {
+        auto sought = s.seek(target, stop);
+        if (!sought) return sought.error();
+        continue;
+      }
+    }
+    if (behind) {
+      if (auto rewound = s.rewind(); !rewound) return rewound.error();
+      continue;
+    }
+    auto got = s.advance();
+    if (!got) return got.error();
+    if (!*got) {
+      if (!s.length) return fail(s.path + " stopped giving frames");
+      if (auto rewound = s.rewind(); !rewound) return rewound.error();
+    }
+  }
+  auto frame = s.convert(size);
+  if (!frame) return frame.error();
+  return std::optional<MediaFrame>(std::move(frame.value()));
 }
 
 Result<RgbImage> readPicture(const std::string& path, std::optional<Size> size) {

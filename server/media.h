@@ -11,6 +11,7 @@
 
 #include "server/image.h"
 #include "server/result.h"
+#include "server/stop.h"
 
 namespace zerlan::server {
 
@@ -48,6 +49,14 @@ class MediaReader {
   // Goes back to the first frame.
   Result<void> rewind();
 
+  // Frame `index` of the file played in a loop (frame 0 is the first `next` gave after the open
+  // or a rewind, and the count goes on across loops), from where the reader stands: for steps.
+  // Frames on the way are decoded and not converted, and a far target (another loop, or past a
+  // keyframe) is reached from the keyframe before it when the container times every frame.
+  // Nothing when `stop` is requested first. `next` goes on from the frame it returns. Files only.
+  Result<std::optional<MediaFrame>> frameAt(uint64_t index, std::optional<Size> size,
+                                            const StopSignal& stop);
+
   Size size() const;
   double frameRate() const;  // 0 when unknown
   std::string codecName() const;
@@ -56,7 +65,6 @@ class MediaReader {
  private:
   MediaReader() = default;
   Result<void> openDecoder(const char* decoders);
-  Result<std::optional<MediaFrame>> receive(std::optional<Size> size, bool& got);
 
   struct State;
   std::unique_ptr<State> s_;

@@ -366,15 +366,22 @@ class VideoSource final : public Source {
   }
 
  private:
-  // Frame i is the video's i-th frame, looping; the presentation times play no part.
+  // Frame i is the video's i-th frame, looping; the presentation times play no part. A step of
+  // a million frames is taken as its remainder within the loop, and from the keyframe before
+  // its target: a stop ends it wherever it is.
   void runStepped(const StopSignal& stop, SourceContext& ctx, JpegEncoder& encoder,
                   MediaFrame frame, uint64_t base) {
     std::optional<uint64_t> shown;
     while (auto step = waitForStep(stop, ctx.settings, base, shown)) {
-      for (uint64_t i = shown ? *shown : step->index; i < step->index; ++i) {
-        auto next = nextFrame(ctx);
-        if (!next) break;  // keeps the last frame it has
-        frame = std::move(*next);
+      if (shown) {
+        auto reached = reader_->frameAt(step->index, size_, stop);
+        if (!reached) {
+          ctx.log(reached.error().message + "; keeping the last frame");
+        } else if (!*reached) {
+          return;
+        } else {
+          frame = std::move(**reached);
+        }
       }
       shown = step->index;
       auto settings = ctx.settings.snapshot();

@@ -233,6 +233,28 @@ TEST(StepMode, EverySourceStepsThroughItsFramesInOrder) {
   }
 }
 
+// A step of a million frames lands where counting one by one would: on its place in the loop,
+// through keyframes and B-frames, and in the answer to the step itself.
+TEST(StepMode, AVideoTakesAMillionFramesAsItsPlaceInTheLoop) {
+  TempDir dir;
+  std::vector<Rgb> palette;  // 63 frames, each a colour far from every other
+  for (int i = 0; i < 63; ++i) palette.push_back({i % 4 * 85, i / 4 % 4 * 85, i / 16 * 85});
+  for (const std::string& codec : {std::string("-c:v mpeg4 -q:v 2"),
+                                   std::string("-c:v libx264 -g 8 -bf 2 -crf 10")}) {
+    SCOPED_TRACE(codec);
+    const std::string video = makeVideo(dir, "clip.mp4", palette, 25, 64, 48, codec);
+    auto s = startServer(SourceChoice::video(video), stepMode());
+    ASSERT_TRUE(s.server);
+    uint64_t total = 0;
+    for (uint64_t n : {1000000, 1, 20, 62, 63 * 5 + 7, 999999, 3}) {
+      total += n;
+      EXPECT_EQ(control(s.port(), {{"step", n}})["frame_index"], total) << "a step of " << n;
+      EXPECT_EQ(nearest(centreColour(get(s.port(), "/frame").body), palette), total % 63)
+          << "frame " << total << ", after a step of " << n;
+    }
+  }
+}
+
 TEST(StepMode, AStreamShowsItsFramesOneStepAtATime) {
   int fds[2];
   ASSERT_EQ(::pipe(fds), 0);

@@ -239,13 +239,13 @@ std::string makePng(const TempDir& dir, const std::string& name, int width, int 
 }
 
 std::string makeVideo(const TempDir& dir, const std::string& name, const std::vector<Rgb>& colors,
-                      int fps, int width, int height) {
+                      int fps, int width, int height, const std::string& codec) {
   for (size_t i = 0; i < colors.size(); ++i) {
     dir.write("vframe" + std::to_string(i) + ".jpg", solidJpeg(width, height, colors[i], 95));
   }
   std::string out = dir.file(name);
   int rc = shell("ffmpeg -nostdin -loglevel error -y -framerate " + std::to_string(fps) + " -i '" +
-                 dir.file("vframe%d.jpg") + "' -c:v mpeg4 -q:v 2 -pix_fmt yuv420p '" + out + "'");
+                 dir.file("vframe%d.jpg") + "' " + codec + " -pix_fmt yuv420p '" + out + "'");
   EXPECT_EQ(rc, 0) << "ffmpeg could not make " << out;
   for (size_t i = 0; i < colors.size(); ++i)
     fs::remove(dir.file("vframe" + std::to_string(i) + ".jpg"));

@@ -121,9 +121,11 @@ int shell(const std::string& command);
 // A PNG of one colour made with the ffmpeg command.
 std::string makePng(const TempDir& dir, const std::string& name, int width, int height, Rgb color);
 
-// A video whose frames are `colors` in order, at `fps`, made with the ffmpeg command.
+// A video whose frames are `colors` in order, at `fps`, made with the ffmpeg command and the
+// encoder options `codec`.
 std::string makeVideo(const TempDir& dir, const std::string& name, const std::vector<Rgb>& colors,
-                      int fps, int width, int height);
+                      int fps, int width, int height,
+                      const std::string& codec = "-c:v mpeg4 -q:v 2");
 
 // ---- an in-process server -------------------------------------------------------------
 
