@@ -250,8 +250,10 @@ int runServe(const ServeOptions& o) {
   int signo = 0;
   do sigwait(&stopSignals, &signo);
   while (signo == SIGUSR1 && !gNothingToServe.load());
-  player.reset();
+  // The player's step may be waiting for its frame, which the server's stop ends.
+  if (player) player->requestStop();
   srv.stop();
+  player.reset();
   auto t = srv.totals();
   std::ostringstream summary;
   summary.precision(1);

@@ -36,11 +36,20 @@ std::shared_ptr<const Frame> FrameStore::waitFor(const std::function<bool(const 
   std::unique_lock lock(mu_);
   std::shared_ptr<const Frame> found;
   cv_.wait_until(lock, deadline, [&] {
+    if (abandoned_) return true;
     auto frame = current();
     if (frame && accept(*frame)) found = std::move(frame);
     return found != nullptr;
   });
   return found;
+}
+
+void FrameStore::abandonWaits() {
+  {
+    std::lock_guard lock(mu_);
+    abandoned_ = true;
+  }
+  cv_.notify_all();
 }
 
 }  // namespace zerlan::server

@@ -52,13 +52,16 @@ class FrameStore {
                                        uint64_t tag = 0, uint64_t index = 0);
 
   // Blocks until the current frame satisfies `accept` or `deadline` passes; returns the frame
-  // that satisfied it, or null on time-out.
+  // that satisfied it, or null on time-out or once waits are abandoned.
   std::shared_ptr<const Frame> waitFor(const std::function<bool(const Frame&)>& accept,
                                        Clock::time_point deadline) const;
 
   std::shared_ptr<const Frame> waitNewer(uint64_t number, Clock::time_point deadline) const {
     return waitFor([number](const Frame& f) { return f.number > number; }, deadline);
   }
+
+  // Ends every wait, now and later, for a server that stops: no frame is coming.
+  void abandonWaits();
 
  private:
   // A plain mutex rather than std::atomic<std::shared_ptr>: libstdc++'s version spins on a
@@ -68,6 +71,7 @@ class FrameStore {
   mutable std::mutex mu_;
   mutable std::condition_variable cv_;
   uint64_t last_ = 0;
+  bool abandoned_ = false;
 };
 
 }  // namespace zerlan::server

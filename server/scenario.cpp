@@ -212,12 +212,16 @@ ScenarioPlayer::ScenarioPlayer(Server& server, Scenario scenario, Logger log)
 
 ScenarioPlayer::~ScenarioPlayer() { stop(); }
 
-void ScenarioPlayer::stop() {
+void ScenarioPlayer::requestStop() {
   {
     std::lock_guard lock(mu_);
     stopping_ = true;
   }
   cv_.notify_all();
+}
+
+void ScenarioPlayer::stop() {
+  requestStop();
   if (thread_.joinable()) thread_.join();
 }
 

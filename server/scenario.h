@@ -64,8 +64,11 @@ class ScenarioPlayer {
   ScenarioPlayer(const ScenarioPlayer&) = delete;
   ScenarioPlayer& operator=(const ScenarioPlayer&) = delete;
 
-  // Stops before the next step. Idempotent.
+  // Stops before the next step. Idempotent. A step being applied finishes first, waiting for
+  // its frame unless the server stops.
   void stop();
+  // The same without waiting for the player's thread: for a caller that stops the server next.
+  void requestStop();
   // Whether every step has fired before `deadline`.
   bool waitUntilDone(std::chrono::steady_clock::time_point deadline);
 

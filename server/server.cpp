@@ -89,6 +89,7 @@ struct Server::Impl {
   std::deque<std::pair<Clock::time_point, uint64_t>> samples;
 
   std::mutex controlMu;  // one control change at a time, from HTTP or from the API
+  bool stopping = false;  // under controlMu: no change may start a source once stop() began
   std::mutex jobsMu;
   std::condition_variable jobsCv;
   std::deque<ControlJob> jobs;
@@ -239,6 +240,7 @@ Result<SourceChoice> parseSourceChoice(const nlohmann::json& value) {
 
 Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
   std::lock_guard lock(controlMu);
+  if (stopping) return Error{"the server is stopping", 503};
   if (request.is_object() && request.contains("fault")) return controlFault(request);
   if (request.is_object() && request.contains("step")) return controlStep(request);
   if (!request.is_object() || request.empty()) {
@@ -449,6 +451,8 @@ void Server::Impl::controlLoop() {
 
 void Server::Impl::stop() {
   std::call_once(stopOnce, [this] {
+    // A change waiting for its frame would hold the stop up for its whole wait.
+    store.abandonWaits();
     if (listener) listener->stop();
     {
       std::lock_guard lock(jobsMu);
@@ -456,6 +460,10 @@ void Server::Impl::stop() {
     }
     jobsCv.notify_all();
     if (controlThread.joinable()) controlThread.join();
+    {
+      std::lock_guard lock(controlMu);
+      stopping = true;
+    }
     producer.stop();
     uploads.removeAll();
   });

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <future>
 #include <nlohmann/json.hpp>
 
@@ -191,6 +192,37 @@ TEST(Ctl, StepMovesAStepModeServerOn) {
   ProcessResult more = ctl(s.port(), {"step", "4"});
   EXPECT_EQ(more.out, "frame index 5 after 5 steps\n");
   EXPECT_NE(get(s.port(), "/frame").body, before);
+}
+
+// Counted one by one, a million frames of a video took minutes and held the control thread and
+// the stop for all of them.
+TEST(Ctl, AMillionStepsOfAVideoKeepTheServerAnsweringAndStoppable) {
+  TempDir dir;
+  const std::string video =
+      makeVideo(dir, "clip.mp4", {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}}, 25, 64, 48);
+  Child serve({"serve", "--step", "--video", video, "--port", "0"});
+  const uint16_t port = serve.waitForPort(in(20s));
+  ASSERT_NE(port, 0) << serve.stderrText();
+
+  ProcessResult step = ctl(port, {"step", "1000000"});
+  EXPECT_EQ(step.status, 0) << step.err;
+  EXPECT_EQ(step.out, "frame index 1000000 after 1000000 steps\n");
+
+  // One more, not waited for: a switch of source, and then a stop, come while it is taken.
+  const std::string request = "POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: "
+                              "application/json\r\nContent-Length: 17\r\n\r\n{\"step\": 1000000}";
+  int pending = connectTo(port);
+  ASSERT_TRUE(sendAll(pending, request));
+  ProcessResult source = ctl(port, {"source", "video", video});
+  EXPECT_EQ(source.status, 0) << source.err;
+  ::close(pending);
+
+  pending = connectTo(port);
+  ASSERT_TRUE(sendAll(pending, request));
+  ASSERT_TRUE(serve.waitForLine("(3000000 steps so far)", in(20s))) << serve.stderrText();
+  serve.signal(SIGTERM);
+  EXPECT_EQ(serve.wait(in(10s)), 0) << "stopped in moments, mid-step: " << serve.stderrText();
+  ::close(pending);
 }
 
 TEST(Ctl, WaitReturnsOnceTheFramesAreFetchedAndExits1WhenTheyAreNot) {
