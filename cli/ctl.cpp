@@ -69,6 +69,12 @@ std::variant<json, int> ask(const std::string& name, int port, const std::string
   const std::string noServer = "no frame server answers on 127.0.0.1:" + std::to_string(port) +
                                ": start one with 'zerlan serve' (or name its port with --port)";
   if (!answer) return runtimeError(name, noServer);
+  if (answer->silent) {
+    return runtimeError(name, "the server on 127.0.0.1:" + std::to_string(port) +
+                                  " took the request but gave no answer in " +
+                                  std::to_string(kAnswerSeconds) +
+                                  " s: it may be busy, or suspended (Ctrl-Z); see its log, then try again");
+  }
   json parsed = json::parse(answer->body, nullptr, false);
   if (answer->status == 200 && isZerlanStatus(parsed)) return parsed;
   PortHolder holder = whoListens(static_cast<uint16_t>(port));

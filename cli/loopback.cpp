@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "server/platform.h"
@@ -45,9 +46,12 @@ std::optional<HttpAnswer> loopbackRequest(uint16_t port, const std::string& meth
   }
   std::string raw;
   char buffer[16384];
-  for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) raw.append(buffer, static_cast<size_t>(n));
+  ssize_t n;
+  while ((n = recv(fd, buffer, sizeof buffer, 0)) > 0) raw.append(buffer, static_cast<size_t>(n));
+  const bool timedOut = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
   close(fd);
   HttpAnswer answer;
+  answer.silent = raw.empty() && timedOut;
   size_t headEnd = raw.find("\r\n\r\n");
   if (headEnd == std::string::npos || std::sscanf(raw.c_str(), "HTTP/1.%*d %d", &answer.status) != 1) {
     answer.status = 0;

@@ -14,6 +14,7 @@ namespace zerlan::cli {
 struct HttpAnswer {
   int status = 0;  // 0: the bytes that came back are no HTTP/1.x answer
   std::string body;
+  bool silent = false;  // nothing came back within the time-out (status 0)
 };
 
 // Sends METHOD PATH on a fresh connection with "Connection: close" (a POST carries `body` as
