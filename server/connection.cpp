@@ -16,6 +16,7 @@
 #include <asio/write.hpp>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -144,8 +145,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
  private:
   enum class Phase { Reading, Writing, Lingering, Control, Stalled, Closed };
 
+  // Reads what has arrived, then waits for more while the connection still reads.
   void read();
-  void onRead(const asio::error_code& error, size_t n);
+  // Takes `data` (empty at the end of the stream or on `failed`); true to read on.
+  bool onRead(std::string_view data, bool failed);
   // Returns true when the connection moved on (answered, closed or handed over).
   bool parseAndDispatch(bool atEof);
   void dispatch(const http::Request& req);
@@ -164,6 +167,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void onWritten(const asio::error_code& error, size_t n);
   void finish();
   void drain();
+  void releaseBody();
   void onControlAnswer(std::string response);
   bool checkAddressing(const http::Request& req);
 
@@ -182,7 +186,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::string request_;  // "GET /path", for log lines
   FaultKind fault_ = FaultKind::None;  // the fault this GET /frame got
   Clock::time_point started_ = Clock::now();
-  std::array<char, 4096> buffer_;
+  BodyBudget* budget_ = nullptr;  // what its body took from, and how much
+  size_t budgeted_ = 0;
   std::unique_ptr<asio::steady_timer> slowTimer_;  // only while the slow fault sends
 };
 
@@ -232,6 +237,7 @@ class Worker {
   }
 
   asio::io_context& io() { return io_; }
+  std::span<char> readBuffer() { return readBuffer_; }
   const ServingContext& context() const;
   uint16_t port() const;
   const std::string& host() const;
@@ -333,6 +339,7 @@ class Worker {
   ConnectionList<&Connection::timerLink> ioTimers_;
   ConnectionList<&Connection::timerLink> lingerTimers_;
   std::thread thread_;
+  std::array<char, 16384> readBuffer_;  // what every connection of this thread reads into
 };
 
 }  // namespace
@@ -469,7 +476,7 @@ void Worker::shutdown() {
 Connection::Connection(Worker& worker, tcp::socket socket)
     : worker_(worker), ctx_(worker.context()), socket_(std::move(socket)) {
   worker_.adopt(this);
-  ctx_.clients.fetch_add(1, std::memory_order_relaxed);
+  raisePeak(ctx_.peakClients, ctx_.clients.fetch_add(1, std::memory_order_relaxed) + 1);
 }
 
 void Connection::start() {
@@ -485,32 +492,62 @@ void Connection::close() {
   worker_.forget(this);
   ctx_.clients.fetch_sub(1, std::memory_order_relaxed);
   frame_.reset();
+  releaseBody();
   if (slowTimer_) slowTimer_->cancel();
   asio::error_code ignored;
   socket_.close(ignored);
 }
 
-void Connection::read() {
-  socket_.async_read_some(asio::buffer(buffer_),
-                          [self = shared_from_this()](const asio::error_code& error, size_t n) {
-                            self->onRead(error, n);
-                          });
+void Connection::releaseBody() {
+  if (budget_) budget_->give(budgeted_);
+  budget_ = nullptr;
+  budgeted_ = 0;
 }
 
-void Connection::onRead(const asio::error_code& error, size_t n) {
+// The bytes go through the worker's buffer, so a connection that waits for its request holds
+// no buffer of its own: thousands of idle clients cost little. Reading until the socket has no
+// more also suits the reactor, which wakes a waiter only for bytes that arrive after it waits.
+void Connection::read() {
+  std::span<char> buffer = worker_.readBuffer();
+  for (;;) {
+    ssize_t n = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      socket_.async_wait(tcp::socket::wait_read,
+                         [self = shared_from_this()](const asio::error_code& error) {
+                           if (self->phase_ == Phase::Closed) return;
+                           if (error) return self->close();
+                           self->read();
+                         });
+      return;
+    }
+    std::string_view data = n > 0 ? std::string_view(buffer.data(), static_cast<size_t>(n)) : "";
+    if (!onRead(data, n < 0)) return;
+  }
+}
+
+bool Connection::onRead(std::string_view data, bool failed) {
+  auto readsOn = [this] {
+    return phase_ == Phase::Reading || phase_ == Phase::Lingering || phase_ == Phase::Stalled;
+  };
   if (phase_ == Phase::Lingering || phase_ == Phase::Stalled) {
-    discarded_ += n;
-    if (error || discarded_ > kLingerMaxBytes) return close();
-    return drain();
+    discarded_ += data.size();
+    if (data.empty() || discarded_ > kLingerMaxBytes) close();
+    return readsOn();
   }
-  if (phase_ != Phase::Reading) return;
-  if (error == asio::error::eof) {
+  if (phase_ != Phase::Reading) return false;
+  if (failed) {
+    close();  // reset by the peer
+  } else if (data.empty()) {
     if (in_.empty() || !parseAndDispatch(true)) close();
-    return;
+  } else {
+    in_.append(data);
+    parseAndDispatch(false);
   }
-  if (error) return close();  // reset by the peer
-  in_.append(buffer_.data(), n);
-  if (!parseAndDispatch(false)) read();
+  // Answered, handed over or closed: the request's bytes are done with, however long the
+  // answer or the linger takes (a body handed over is in its job: an upload is held once).
+  if (phase_ != Phase::Reading) std::string().swap(in_);
+  return readsOn();
 }
 
 bool Connection::checkAddressing(const http::Request& req) {
@@ -594,6 +631,20 @@ bool Connection::parseAndDispatch(bool atEof) {
         respondError(taken.error().status, taken.error().message);
         return true;
       }
+    }
+    if (!budget_ && req.contentLength > 0) {
+      BodyBudget& budget = upload ? ctx_.uploads : ctx_.bodies;
+      if (!budget.take(req.contentLength)) {
+        linger_ = true;
+        respondError(503,
+                     std::string("too many ") + (upload ? "uploads" : "control requests") +
+                         " are arriving at once: try again in a moment",
+                     "Retry-After: 1\r\n");
+        return true;
+      }
+      budget_ = &budget;
+      budgeted_ = req.contentLength;
+      // Exactly what it needs, not what doubling as the bytes come in would give it.
       in_.reserve(whole);
     }
     if (in_.size() < whole) {
@@ -680,7 +731,6 @@ void Connection::dispatch(const http::Request& req) {
   worker_.untime(this);
   job.request = request_;
   job.body = in_.substr(req.headSize, req.contentLength);
-  std::string().swap(in_);  // an upload's bytes are held once, not twice
   // The reply moves its reference to the connection into the posted handler, so the control
   // thread never holds the last one: the connection is always destroyed on its own thread.
   job.reply = [self = shared_from_this()](std::string response) mutable {
@@ -713,12 +763,13 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
     }
     case FaultKind::Stall:
       // Held open, silent, until the server's time-out closes it (see expire) or the client
-      // goes. The pending read keeps the connection alive meanwhile.
+      // goes. The read that dispatched the request reads on (and discards), which keeps the
+      // connection alive meanwhile.
       ctx_.requests.add();
       logAnswer("nothing sent");
       phase_ = Phase::Stalled;
       worker_.setDeadline(this, Timer::Io, ctx_.options.timeout);
-      return read();
+      return;
     case FaultKind::Slow:
       ctx_.requests.add();
       ctx_.framesServed.add();
@@ -966,6 +1017,17 @@ Result<int> listenOn(const std::string& host, uint16_t port, uint16_t& boundPort
 }
 
 }  // namespace
+
+bool BodyBudget::take(size_t bytes) {
+  size_t seen = held_.load(std::memory_order_relaxed);
+  do {
+    if (bytes > limit_ - seen) return false;
+  } while (!held_.compare_exchange_weak(seen, seen + bytes, std::memory_order_relaxed));
+  raisePeak(peak_, seen + bytes);
+  return true;
+}
+
+void BodyBudget::give(size_t bytes) { held_.fetch_sub(bytes, std::memory_order_relaxed); }
 
 void ErrorLog::operator()(const std::string& line) {
   std::lock_guard lock(mu_);

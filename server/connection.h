@@ -58,6 +58,34 @@ class ErrorLog {
   uint64_t suppressed_ = 0;
 };
 
+// The bytes of request bodies being received or waiting for the control thread, all clients
+// together, within a limit: thousands of clients each holding a large body cannot take the
+// server's memory. Any thread may use it.
+class BodyBudget {
+ public:
+  explicit BodyBudget(size_t limit) : limit_(limit) {}
+  // Takes `bytes` unless that would pass the limit.
+  bool take(size_t bytes);
+  void give(size_t bytes);
+  size_t held() const { return held_.load(std::memory_order_relaxed); }
+  // The most held at once since the start or the last reset.
+  size_t peak() const { return peak_.load(std::memory_order_relaxed); }
+  void resetPeak() { peak_.store(held(), std::memory_order_relaxed); }
+
+ private:
+  const size_t limit_;
+  std::atomic<size_t> held_{0};
+  std::atomic<size_t> peak_{0};
+};
+
+// Raises `peak` to `value` if it is lower.
+template <class T>
+void raisePeak(std::atomic<T>& peak, T value) {
+  T seen = peak.load(std::memory_order_relaxed);
+  while (value > seen && !peak.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
+  }
+}
+
 // A request handed to the control thread: a POST /control body, a file dropped onto the status
 // page (POST /upload), or the list of cameras (GET /cameras, which may open each device).
 // `reply` takes the complete HTTP response and sends it on the connection's own thread; call it
@@ -82,6 +110,9 @@ struct ServingContext {
   Counter& panelFrames;   // the same for the status page's live view (GET /frame?view=panel)
   Counter& errors;        // 4xx and 5xx, and clients dropped for time-outs
   std::atomic<int64_t>& clients;
+  std::atomic<int64_t>& peakClients;  // the most connections open at once, reset by the server
+  BodyBudget& bodies;   // POST /control
+  BodyBudget& uploads;  // POST /upload
   std::function<std::string()> statusJson;  // the body of GET /status
   std::function<void(ControlJob)> submitControl;
   std::function<void()> everySecond;  // called about once a second on one serving thread

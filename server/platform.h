@@ -48,4 +48,8 @@ ssize_t sendNow(int fd, const void* data, size_t size);
 // send(2) flags for a blocking send that must not raise SIGPIPE on such a socket.
 extern const int kSendNoSignal;
 
+// Hands memory that the allocator keeps after frees back to the system: after a flood of
+// clients, which would otherwise leave the process as large as at its peak.
+void releaseFreeMemory();
+
 }  // namespace zerlan::platform

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc/malloc.h>
 #include <mach-o/dyld.h>
 #include <objc/message.h>
 #include <objc/runtime.h>
@@ -129,5 +130,8 @@ bool openPipe(int fds[2]) {
 ssize_t sendNow(int fd, const void* data, size_t size) {
   return ::send(fd, data, size, MSG_DONTWAIT);
 }
+
+// Every zone, as much as it can (a goal of 0).
+void releaseFreeMemory() { ::malloc_zone_pressure_relief(nullptr, 0); }
 
 }  // namespace zerlan::platform

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,5 +32,8 @@ bool openPipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC) == 0; }
 ssize_t sendNow(int fd, const void* data, size_t size) {
   return ::send(fd, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
+
+// glibc keeps freed memory in its arenas; trimming returns their free pages, not only the top.
+void releaseFreeMemory() { ::malloc_trim(0); }
 
 }  // namespace zerlan::platform

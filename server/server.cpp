@@ -15,6 +15,7 @@
 #include "server/connection.h"
 #include "server/http.h"
 #include "server/pattern.h"
+#include "server/platform.h"
 #include "server/uploads.h"
 
 namespace zerlan::server {
@@ -27,6 +28,9 @@ using namespace std::chrono_literals;
 // How long a control request waits for the first frame that shows its change.
 constexpr auto kControlWait = 3s;
 constexpr auto kRateWindow = 5s;
+// A flood, for giving memory back: this many clients at once, or this much in control bodies.
+constexpr int64_t kFloodClients = 256;
+constexpr size_t kFloodBodyBytes = 1u << 20;
 
 std::string dumpJson(const nlohmann::json& j) {
   // A QR payload from the command line need not be UTF-8; never let that throw.
@@ -42,7 +46,9 @@ struct Server::Impl {
         errorLog(log),
         settings(s),
         producer(store, settings, log, o.nothingToServe),
-        faults(log) {}
+        faults(log),
+        bodies(o.maxPendingBodyBytes),
+        uploadBodies(o.maxPendingUploadBytes) {}
 
   nlohmann::json status() const;
   Result<nlohmann::json> control(const nlohmann::json& request);
@@ -57,6 +63,7 @@ struct Server::Impl {
   void switchTo(std::unique_ptr<Source> source, const std::string& summary,
                 Clock::time_point deadline);
   void sampleRate(Clock::time_point now);
+  void releaseAfterFlood();
   double requestsPerSecond(Clock::time_point now) const;
   void controlLoop();
   void submitControl(ControlJob job);
@@ -84,6 +91,9 @@ struct Server::Impl {
   Counter errors;
   UploadFolder uploads;
   std::atomic<int64_t> clients{0};
+  std::atomic<int64_t> peakClients{0};
+  BodyBudget bodies;
+  BodyBudget uploadBodies;
 
   mutable std::mutex rateMu;
   std::deque<std::pair<Clock::time_point, uint64_t>> samples;
@@ -138,6 +148,22 @@ void Server::Impl::sampleRate(Clock::time_point now) {
   std::lock_guard lock(rateMu);
   samples.emplace_back(now, requests.get());
   while (samples.size() > 2 && now - samples.front().first > kRateWindow) samples.pop_front();
+}
+
+// The allocator keeps what a flood of clients used; once most of them are gone, it goes back to
+// the system.
+void Server::Impl::releaseAfterFlood() {
+  const int64_t now = clients.load(std::memory_order_relaxed);
+  const int64_t peak = peakClients.load(std::memory_order_relaxed);
+  bool flooded = peak >= kFloodClients && now <= peak / 4;
+  for (const BodyBudget* budget : {&bodies, &uploadBodies}) {
+    flooded = flooded || (budget->peak() >= kFloodBodyBytes && budget->held() <= budget->peak() / 4);
+  }
+  if (!flooded) return;
+  peakClients.store(now, std::memory_order_relaxed);
+  bodies.resetPeak();
+  uploadBodies.resetPeak();
+  platform::releaseFreeMemory();
 }
 
 double Server::Impl::requestsPerSecond(Clock::time_point now) const {
@@ -492,9 +518,15 @@ Result<std::unique_ptr<Server>> Server::start(const ServerOptions& options,
                          p->panelFrames,
                          p->errors,
                          p->clients,
+                         p->peakClients,
+                         p->bodies,
+                         p->uploadBodies,
                          [p] { return dumpJson(p->status()) + "\n"; },
                          [p](ControlJob job) { p->submitControl(std::move(job)); },
-                         [p] { p->sampleRate(Clock::now()); },
+                         [p] {
+                           p->sampleRate(Clock::now());
+                           p->releaseAfterFlood();
+                         },
                          p->fetches,
                          p->faults,
                          p->log};

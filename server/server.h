@@ -39,6 +39,10 @@ struct ServerOptions {
   std::chrono::milliseconds timeout{5000};
   size_t maxHeadBytes = 8192;       // request line and headers, blank line included
   size_t maxBodyBytes = 64 * 1024;  // POST /control body
+  // Control bodies being received or waiting to be applied, all together, and the same for
+  // uploads (two of the largest); more are refused with 503 until some are done.
+  size_t maxPendingBodyBytes = 8u << 20;
+  size_t maxPendingUploadBytes = 128u << 20;
   size_t maxClients = 10000;        // connections open at once; more are refused with 503
   bool logRequests = false;         // a log line for every answer (zerlan serve -v)
   // When the source can never give a frame (a stream that ended before its first); the server

@@ -5,10 +5,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "server/connection.h"
 #include "server/platform.h"
@@ -328,6 +331,120 @@ TEST(StopSignal, WakesWaitersWhereverTheyWait) {
   server::StopSignal::OnStop late(stop, [&] { ++woken; });
   EXPECT_EQ(woken, 2) << "registered after the request: runs at once";
   EXPECT_TRUE(stop.requested());
+}
+
+// Control bodies being received or waiting share one budget: exactly full is taken, one byte
+// over is turned away with 503 until a body is done.
+TEST(Memory, ControlBodiesShareOneBudget) {
+  ServerOptions options;
+  options.maxPendingBodyBytes = 100;
+  auto s = startServer(SourceChoice::pattern(), {}, options);
+  ASSERT_TRUE(s.server);
+  auto head = [](size_t length, const std::string& more = "") {
+    return "POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n" + more +
+           "Content-Length: " + std::to_string(length) + "\r\n\r\n";
+  };
+  auto bodyOf = [](size_t length, const std::string& qr) {  // {"qr": "<qr>"} padded with spaces
+    std::string body = R"({"qr": ")" + qr + "\"}";
+    return body + std::string(length - body.size(), ' ');
+  };
+  // The server takes the budget for a body before it tells the client to go on with it.
+  int first = connectTo(s.port());
+  const std::string firstBody = bodyOf(60, "first");
+  ASSERT_TRUE(sendAll(first, head(60, "Expect: 100-continue\r\n")));
+  ASSERT_EQ(readInterim(first, in(5s)), "HTTP/1.1 100 Continue\r\n\r\n");
+  ASSERT_TRUE(sendAll(first, firstBody.substr(0, 10)));
+
+  Reply over = roundTrip(s.port(), head(41) + bodyOf(41, "over"));
+  EXPECT_EQ(over.status, 503) << over.raw;
+  EXPECT_EQ(over.headers["retry-after"], "1");
+  EXPECT_NE(over.body.find("try again"), std::string::npos) << over.body;
+  Reply full = roundTrip(s.port(), head(40) + bodyOf(40, "full"));
+  EXPECT_EQ(full.status, 200) << "60 + 40 bytes fill the budget exactly: " << full.body;
+
+  ASSERT_TRUE(sendAll(first, firstBody.substr(10)));
+  Reply answer = readReply(first, in(5s));
+  ::close(first);
+  EXPECT_EQ(answer.status, 200) << answer.raw;
+  EXPECT_EQ(s.server->status()["qr"], "first");
+  Reply again = roundTrip(s.port(), head(100) + bodyOf(100, "again"));
+  EXPECT_EQ(again.status, 200) << "the budget came back: " << again.body;
+}
+
+// Resident and peak resident memory of a process, in KiB, from /proc/<pid>/status.
+struct Memory {
+  long rss = 0;
+  long peak = 0;
+};
+Memory memoryOf(pid_t pid) {
+  Memory m;
+  std::istringstream status(readFile("/proc/" + std::to_string(pid) + "/status"));
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) m.rss = std::stol(line.substr(6));
+    if (line.starts_with("VmHWM:")) m.peak = std::stol(line.substr(6));
+  }
+  return m;
+}
+
+// Thousands of clients that hold a control body, or nothing at all, cost the server a bounded
+// amount of memory while they are there, and it gives the memory back when they go.
+TEST(Memory, FloodsOfHeldBodiesAndIdleClientsAreBoundedAndGivenBack) {
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+  GTEST_SKIP() << "a sanitizer's allocator and shadow memory decide the resident size here";
+#endif
+#endif
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+  if (files.rlim_cur != RLIM_INFINITY && files.rlim_cur < 4200)
+    GTEST_SKIP() << "4000 clients need more descriptors than the limit of " << files.rlim_cur;
+  TempDir dir;
+  const std::string photo = dir.write("photo.jpg", solidJpeg(64, 48, {0, 0, 255}));
+  Child serve({"serve", "--image", photo, "--port", "0", "--timeout", "60"});
+  const uint16_t port = serve.waitForPort(in(20s));
+  ASSERT_NE(port, 0) << serve.stderrText();
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(get(port, "/status").status, 200);
+  const Memory before = memoryOf(serve.pid());
+  ASSERT_GT(before.rss, 0);
+
+  // Opens `clients` connections, sends each `each`, and once the server has taken them all
+  // (`taken` of its /status), reads its memory and lets them go.
+  auto flood = [&](int clients, const std::string& each, auto taken) {
+    std::vector<int> fds;
+    for (int i = 0; i < clients; ++i) {
+      int fd = connectTo(port);
+      if (fd < 0) break;
+      fds.push_back(fd);
+      if (!each.empty()) sendAll(fd, each);
+    }
+    EXPECT_EQ(fds.size(), static_cast<size_t>(clients));
+    EXPECT_TRUE(eventually([&] { return taken(nlohmann::json::parse(get(port, "/status").body)); }, 20s));
+    const Memory during = memoryOf(serve.pid());
+    for (int fd : fds) ::close(fd);
+    return during;
+  };
+  auto settles = [&](long bound) {
+    return eventually([&] { return memoryOf(serve.pid()).rss - before.rss < bound; }, 10s);
+  };
+
+  // Idle clients first: freed memory that the bodies left behind would hide theirs.
+  Memory during = flood(4000, "", [](const nlohmann::json& s) { return s["clients"] >= 4000; });
+  EXPECT_LT(during.rss - before.rss, 12 * 1024) << "KiB with 4000 idle clients";
+  EXPECT_TRUE(settles(8 * 1024)) << "KiB kept after them: " << memoryOf(serve.pid()).rss - before.rss;
+
+  // Bodies of 65,000 bytes held 5,000 short of the end: a few hold the budget of 8 MiB, the
+  // rest are turned away.
+  const std::string held = "POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
+                           "Content-Length: 65000\r\n\r\n" + std::string(60000, ' ');
+  during = flood(2000, held, [](const nlohmann::json& s) { return s["errors"] >= 2000 - 130; });
+  EXPECT_LT(during.peak - before.rss, 32 * 1024) << "KiB at the peak of 2000 held bodies";
+  EXPECT_TRUE(settles(8 * 1024)) << "KiB kept after them: " << memoryOf(serve.pid()).rss - before.rss;
+  EXPECT_TRUE(serve.waitForLine("503 for POST /control", in(5s)));
+
+  serve.signal(SIGTERM);
+  EXPECT_EQ(serve.wait(in(10s)), 0);
 }
 
 }  // namespace

@@ -174,15 +174,7 @@ TEST_F(ImageServer, BodiesAndPipelinedRequests) {
           "POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\nExpect: "
           "100-continue\r\nContent-Length: " +
                   std::to_string(body.size()) + "\r\n\r\n");
-  std::string interim;
-  char buf[256];
-  pollfd p{fd, POLLIN, 0};
-  while (interim.find("\r\n\r\n") == std::string::npos && ::poll(&p, 1, 5000) == 1) {
-    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-    if (n <= 0) break;
-    interim.append(buf, static_cast<size_t>(n));
-  }
-  EXPECT_EQ(interim, "HTTP/1.1 100 Continue\r\n\r\n");
+  EXPECT_EQ(readInterim(fd, in(5s)), "HTTP/1.1 100 Continue\r\n\r\n");
   sendAll(fd, body);
   Reply control = readReply(fd, in(5s));
   ::close(fd);

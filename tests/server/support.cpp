@@ -61,6 +61,20 @@ nlohmann::json statusOf(uint16_t port) {
   return nlohmann::json::parse(r.body, nullptr, false);
 }
 
+std::string readInterim(int fd, Clock::time_point deadline) {
+  std::string interim;
+  char buf[256];
+  while (interim.find("\r\n\r\n") == std::string::npos) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd p{fd, POLLIN, 0};
+    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) != 1) break;
+    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) break;
+    interim.append(buf, static_cast<size_t>(n));
+  }
+  return interim;
+}
+
 bool waitForClose(int fd, Clock::time_point deadline, std::string* received) {
   char buf[65536];
   for (;;) {

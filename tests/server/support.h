@@ -48,6 +48,10 @@ bool sendAll(int fd, std::string_view bytes);
 // Reads until the server closes or `deadline`, then parses what arrived.
 Reply readReply(int fd, Clock::time_point deadline);
 
+// Reads an interim answer such as "100 Continue", up to its blank line, or what came by
+// `deadline`.
+std::string readInterim(int fd, Clock::time_point deadline);
+
 // One request on a fresh connection: send `raw`, read until close.
 Reply roundTrip(uint16_t port, std::string_view raw, Clock::duration limit = 5s);
 
@@ -176,6 +180,7 @@ class Child {
   void signal(int signo);
   // The exit status, or nothing if it did not exit before `deadline` (then it is killed).
   std::optional<int> wait(Clock::time_point deadline);
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
