@@ -13,7 +13,6 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "server/camera.h"
@@ -64,23 +63,46 @@ std::optional<StepTarget> waitForStep(const StopSignal& stop, const LiveSettings
   return std::nullopt;
 }
 
+// One open and one fstat, as a folder of thousands of files reads each of them. Opened without
+// blocking: a FIFO or a device would hold the caller up for as long as it likes.
 Result<std::string> readFile(const std::string& path) {
-  std::error_code ec;
-  auto status = fs::status(path, ec);
-  if (ec || !fs::exists(status)) return fail(path + " does not exist");
-  if (fs::is_directory(status))
-    return fail(path + " is a folder: use --dir for a folder of images");
-  // A FIFO or device would block the caller for as long as it likes.
-  if (!fs::is_regular_file(status)) return fail(path + " is not a regular file");
-  auto size = fs::file_size(path, ec);
-  if (ec) return fail("cannot read " + path + ": " + ec.message());
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return fail(path + " does not exist");
+    return fail("cannot read " + path + ": " + std::strerror(errno));
+  }
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } closer{fd};
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return fail("cannot read " + path + ": " + std::strerror(errno));
+  if (S_ISDIR(st.st_mode)) return fail(path + " is a folder: use --dir for a folder of images");
+  if (!S_ISREG(st.st_mode)) return fail(path + " is not a regular file");
+  const auto size = static_cast<size_t>(st.st_size);
   if (size > kMaxFileBytes) return fail(path + " is larger than 256 MiB");
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return fail("cannot read " + path + ": " + std::strerror(errno));
   std::string bytes(size, '\0');
-  in.read(bytes.data(), static_cast<std::streamsize>(size));
-  if (static_cast<size_t>(in.gcount()) != size) return fail("cannot read " + path + ": short read");
+  size_t got = 0;
+  while (got < size) {
+    ssize_t n = ::read(fd, bytes.data() + got, size - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return fail("cannot read " + path + ": " + std::strerror(errno));
+    if (n == 0) return fail("cannot read " + path + ": short read");
+    got += static_cast<size_t>(n);
+  }
   return bytes;
+}
+
+// Whether `bytes` start as a picture of a folder's kinds does (JPEG, PNG, BMP, GIF, WebP, TIFF,
+// PNM). A look at a few bytes, where FFmpeg would try every format it knows on the file.
+bool startsLikePicture(std::string_view bytes) {
+  using namespace std::string_view_literals;
+  auto at = [&](size_t offset, std::string_view magic) {
+    return bytes.size() >= offset + magic.size() && bytes.compare(offset, magic.size(), magic) == 0;
+  };
+  return at(0, "\xFF\xD8\xFF"sv) || at(0, "\x89PNG\r\n\x1A\n"sv) || at(0, "BM"sv) ||
+         at(0, "GIF8"sv) || (at(0, "RIFF"sv) && at(8, "WEBP"sv)) || at(0, "II*\0"sv) ||
+         at(0, "MM\0*"sv) || (bytes.size() >= 2 && bytes[0] == 'P' && bytes[1] >= '1' && bytes[1] <= '7');
 }
 
 struct Picture {
@@ -89,10 +111,17 @@ struct Picture {
   bool transcoded = false;
 };
 
-// A JPEG file is kept byte for byte; anything else FFmpeg can read is encoded once.
-Result<Picture> loadPicture(const std::string& path, const FrameSettings& settings) {
+// A JPEG file is kept byte for byte; anything else FFmpeg can read is encoded once. A folder's
+// file (`inFolder`) must start as a picture does: a video's first frame is a picture that
+// --image may serve, but a folder's other files are skipped at the cost of a look.
+Result<Picture> loadPicture(const std::string& path, const FrameSettings& settings,
+                            bool inFolder = false) {
   auto bytes = readFile(path);
   if (!bytes) return bytes.error();
+  if (inFolder && !startsLikePicture(*bytes)) {
+    return fail(path + " is not a picture: it starts as no JPEG, PNG, BMP, GIF, WebP, TIFF or "
+                "PNM file does");
+  }
   if (looksLikeJpeg(*bytes)) {
     auto size = jpegSize(*bytes);
     if (!size) return fail(path + " is " + size.error().message);
@@ -199,14 +228,19 @@ class DirSource final : public Source {
       : path_(std::move(path)), files_(std::move(files)), settings_(std::move(settings)) {
     cache_.resize(files_.size());
     bad_.resize(files_.size());
+    tried_.resize(files_.size());
+    tried_[0] = true;
+    triedCount_ = 1;
     cached_ = first.jpeg.size();
     cache_[0] = std::make_shared<const Picture>(std::move(first));
   }
 
   SourceChoice::Kind kind() const override { return SourceChoice::Kind::Dir; }
   std::string description() const override {
+    const size_t skipped = skipped_.load(std::memory_order_relaxed);
     return "folder " + path_ + " (" + std::to_string(files_.size()) +
-           (files_.size() == 1 ? " image" : " images") + ", in name order, looping)";
+           (files_.size() == 1 ? " image" : " images") + ", in name order, looping" +
+           (skipped ? ", " + std::to_string(skipped) + " skipped: not pictures)" : ")");
   }
 
   void run(const StopSignal& stop, SourceContext& ctx) override {
@@ -259,12 +293,20 @@ class DirSource final : public Source {
   std::shared_ptr<const Picture> load(size_t index, SourceContext& ctx) {
     if (cache_[index]) return cache_[index];
     if (bad_[index]) return nullptr;
-    auto picture = loadPicture(files_[index], settings_);
+    auto picture = loadPicture(files_[index], settings_, true);
     if (!picture) {
       bad_[index] = true;  // reported once, skipped from now on
-      ctx.log("skipping " + picture.error().message);
-      return nullptr;
+      const size_t skipped = skipped_.fetch_add(1, std::memory_order_relaxed) + 1;
+      if (skipped <= kSkipsTold) {
+        ctx.log("skipping " + picture.error().message);
+        firstSkipped_.push_back(fs::path(files_[index]).filename().string());
+      }
     }
+    if (!tried_[index]) {
+      tried_[index] = true;
+      if (++triedCount_ == files_.size()) summariseSkips(ctx);
+    }
+    if (!picture) return nullptr;
     auto shared = std::make_shared<const Picture>(std::move(picture.value()));
     if (cached_ + shared->jpeg.size() <= kDirCacheBytes) {
       cached_ += shared->jpeg.size();
@@ -273,11 +315,29 @@ class DirSource final : public Source {
     return shared;
   }
 
+  // A folder of thousands of files that are no pictures would log a line for each: the first
+  // few are told with their reason (see load), and the rest in one line once every file has
+  // been tried.
+  void summariseSkips(SourceContext& ctx) {
+    const size_t skipped = skipped_.load(std::memory_order_relaxed);
+    if (skipped <= kSkipsTold) return;
+    std::string names;
+    for (const auto& name : firstSkipped_) names += (names.empty() ? "" : ", ") + name;
+    ctx.log("skipped " + std::to_string(skipped) + " of the " + std::to_string(files_.size()) +
+            " files of folder " + path_ + ", which are not pictures that can be read: " + names +
+            " and " + std::to_string(skipped - firstSkipped_.size()) + " more");
+  }
+
+  static constexpr size_t kSkipsTold = 3;
   std::string path_;
   std::vector<std::string> files_;
   FrameSettings settings_;
   std::vector<std::shared_ptr<const Picture>> cache_;
   std::vector<bool> bad_;
+  std::vector<bool> tried_;
+  size_t triedCount_ = 0;
+  std::atomic<size_t> skipped_{0};  // read by description() on other threads
+  std::vector<std::string> firstSkipped_;
   size_t cached_ = 0;
 };
 
@@ -673,7 +733,7 @@ Result<std::unique_ptr<Source>> openDir(const std::string& path, const FrameSett
                 " has no images (looked for .jpg, .jpeg, .png, .bmp, .gif, .webp, .tif, .ppm)");
   }
   std::sort(files.begin(), files.end());
-  auto first = loadPicture(files.front(), settings);
+  auto first = loadPicture(files.front(), settings, true);
   if (!first) return first.error();
   return std::unique_ptr<Source>(
       new DirSource(path, std::move(files), std::move(first.value()), settings));

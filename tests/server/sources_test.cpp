@@ -181,6 +181,32 @@ TEST(Sources, FolderAdvancesInNameOrderAndLoops) {
   }
 }
 
+// Thousands of files named as pictures that are none: a few lines say so, not one per file,
+// and the pictures among them play on.
+TEST(Sources, AFolderOfThousandsOfBadFilesIsSummedUpInAFewLines) {
+  TempDir dir;
+  dir.write("a.jpg", solidJpeg(64, 48, kRed));
+  char name[32];
+  for (int i = 1; i <= 3000; ++i) {
+    std::snprintf(name, sizeof name, "b%04d.jpg", i);
+    dir.write(name, "not a picture " + std::to_string(i));
+  }
+  dir.write("c.jpg", solidJpeg(64, 48, kBlue));
+
+  FrameSettings settings;
+  settings.fps = 120;
+  auto s = startServer(SourceChoice::dir(dir.path().string()), settings);
+  ASSERT_TRUE(s.server);
+  ASSERT_TRUE(s.log->waitFor("skipped 3000 of the 3002 files of folder", in(30s)));
+  EXPECT_TRUE(s.log->contains(": b0001.jpg, b0002.jpg, b0003.jpg and 2997 more"));
+  EXPECT_EQ(s.log->count("skipping "), 3u);
+  EXPECT_TRUE(s.log->contains("skipping " + dir.file("b0001.jpg") + " is not a picture"));
+  EXPECT_LE(s.log->lines().size(), 6u);
+  EXPECT_NE(s.server->status()["source"].get<std::string>().find("3000 skipped"), std::string::npos)
+      << s.server->status()["source"];
+  expectCycle(collect(*s.server, 6), {kRed, kBlue});
+}
+
 TEST(Sources, VideoPlaysScaledAndLoops) {
   TempDir dir;
   const std::vector<Rgb> colors = {kRed, kGreen, kBlue, kWhite};
