@@ -213,7 +213,7 @@ ParseResult parseRequestHead(std::string_view buffer, size_t maxHead) {
     }
   }
 
-  if (req.minorVersion == 1 && !req.hasHost) {
+  if (req.minorVersion >= 1 && !req.hasHost) {
     return error(400, "an HTTP/1.1 request must say which server it is for: add a Host header "
                       "(Host: 127.0.0.1)");
   }

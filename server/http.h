@@ -42,9 +42,9 @@ struct ParseResult {
 // Parses the request head at the start of `buffer`. A head of exactly `maxHead` bytes (blank
 // line included) is accepted; one byte more is 431. A request line that cannot become valid is
 // rejected as soon as it is seen, without waiting for the rest of the head. Lines may end in
-// CRLF or a bare LF. An HTTP/1.1 request without Host, and a header that must come once (Host,
-// Origin, Content-Type) given twice, are 400: a check of one value and a use of another could
-// disagree.
+// CRLF or a bare LF. An HTTP/1.1 (or later 1.x) request without Host, and a header that must
+// come once (Host, Origin, Content-Type) given twice, are 400: a check of one value and a use
+// of another could disagree.
 ParseResult parseRequestHead(std::string_view buffer, size_t maxHead);
 
 std::string_view reasonPhrase(int status);

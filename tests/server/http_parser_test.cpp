@@ -48,6 +48,7 @@ TEST(HttpParser, Verdicts) {
       // Which server a request is for, and what its body is, must be said once.
       {"HTTP/1.1 without Host", "GET /frame HTTP/1.1\r\nConnection: close\r\n\r\n", Parse::Error,
        400},
+      {"a later HTTP/1.x without Host", "GET /frame HTTP/1.3\r\n\r\n", Parse::Error, 400},
       {"two Content-Types",
        "POST /control HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
        "content-type: text/plain\r\n\r\n",
