@@ -32,6 +32,8 @@ constexpr auto kRateWindow = 5s;
 constexpr int64_t kFloodClients = 256;
 constexpr size_t kFloodBodyBytes = 1u << 20;
 
+Error stoppingError() { return Error{"the server is stopping", 503}; }
+
 std::string dumpJson(const nlohmann::json& j) {
   // A QR payload from the command line need not be UTF-8; never let that throw.
   return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -67,6 +69,7 @@ struct Server::Impl {
   double requestsPerSecond(Clock::time_point now) const;
   void controlLoop();
   void submitControl(ControlJob job);
+  std::string controlResponse(const ControlJob& job, const Result<nlohmann::json>& result);
   void stop();
 
   ServerOptions options;
@@ -266,7 +269,7 @@ Result<SourceChoice> parseSourceChoice(const nlohmann::json& value) {
 
 Result<nlohmann::json> Server::Impl::control(const nlohmann::json& request) {
   std::lock_guard lock(controlMu);
-  if (stopping) return Error{"the server is stopping", 503};
+  if (stopping) return stoppingError();
   if (request.is_object() && request.contains("fault")) return controlFault(request);
   if (request.is_object() && request.contains("step")) return controlStep(request);
   if (!request.is_object() || request.empty()) {
@@ -441,12 +444,28 @@ Result<nlohmann::json> Server::Impl::controlBody(std::string_view body) {
   }
 }
 
+// Runs on a serving thread. Once the control thread has stopped, the job is answered here: its
+// reply must reach the connection's thread before the serving threads go.
 void Server::Impl::submitControl(ControlJob job) {
   {
     std::lock_guard lock(jobsMu);
-    jobs.push_back(std::move(job));
+    if (!jobsStop) {
+      jobs.push_back(std::move(job));
+      jobsCv.notify_one();
+      return;
+    }
   }
-  jobsCv.notify_one();
+  job.reply(controlResponse(job, stoppingError()));
+}
+
+std::string Server::Impl::controlResponse(const ControlJob& job,
+                                         const Result<nlohmann::json>& result) {
+  requests.add();
+  if (result) return http::response(200, "application/json", dumpJson(result.value()) + "\n");
+  errors.add();
+  const int code = result.error().status;
+  errorLog(std::to_string(code) + " for " + job.request + ": " + result.error().message);
+  return http::errorResponse(code, result.error().message);
 }
 
 void Server::Impl::controlLoop() {
@@ -455,37 +474,33 @@ void Server::Impl::controlLoop() {
     {
       std::unique_lock lock(jobsMu);
       jobsCv.wait(lock, [&] { return jobsStop || !jobs.empty(); });
-      if (jobsStop) return;
+      if (jobsStop) break;
       job = std::move(jobs.front());
       jobs.pop_front();
     }
-    std::string response;
-    Result<nlohmann::json> result = run(job);
-    if (result) {
-      requests.add();
-      response = http::response(200, "application/json", dumpJson(*result) + "\n");
-    } else {
-      requests.add();
-      errors.add();
-      int code = result.error().status;
-      errorLog(std::to_string(code) + " for " + job.request + ": " + result.error().message);
-      response = http::errorResponse(code, result.error().message);
-    }
-    job.reply(std::move(response));
+    job.reply(controlResponse(job, run(job)));
   }
+  // What came in too late is answered, so that no connection waits for the stop's close.
+  std::deque<ControlJob> late;
+  {
+    std::lock_guard lock(jobsMu);
+    late.swap(jobs);
+  }
+  for (ControlJob& job : late) job.reply(controlResponse(job, stoppingError()));
 }
 
 void Server::Impl::stop() {
   std::call_once(stopOnce, [this] {
     // A change waiting for its frame would hold the stop up for its whole wait.
     store.abandonWaits();
-    if (listener) listener->stop();
+    // The control thread goes first: its answers are handed to the serving threads.
     {
       std::lock_guard lock(jobsMu);
       jobsStop = true;
     }
     jobsCv.notify_all();
     if (controlThread.joinable()) controlThread.join();
+    if (listener) listener->stop();
     {
       std::lock_guard lock(controlMu);
       stopping = true;

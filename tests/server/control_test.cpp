@@ -179,6 +179,43 @@ TEST(Control, LoggedClientTextCannotForgeLinesOrDriveTheTerminal) {
   for (const Case& c : cases) EXPECT_EQ(server::escapeControls(c.in), c.out) << c.in;
 }
 
+// A stop while clients keep changing the QR payload: every request gets an answer or a close,
+// and a change in flight is answered before the serving threads go (AddressSanitizer sees an
+// answer handed to a thread that is gone).
+TEST(Control, ChangesDuringAStopAreAnsweredOrClosed) {
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  std::atomic<bool> stopped{false};
+  std::atomic<int> answered{0}, other{0};
+  std::vector<std::thread> clients;
+  for (int t = 0; t < 4; ++t) {
+    clients.emplace_back([&, t] {
+      for (int i = 0; !stopped; ++i) {
+        const std::string body = json{{"qr", std::to_string(t) + "-" + std::to_string(i)}}.dump();
+        int fd = connectTo(s.port());  // refused once the server has stopped
+        if (fd < 0) continue;
+        sendAll(fd, "POST /control HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
+                    "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+        Reply r = readReply(fd, in(5s));
+        ::close(fd);
+        if (r.status == 200) {
+          ++answered;
+        } else if (r.ok && r.status != 503) {
+          ++other;
+        }
+      }
+    });
+  }
+  while (answered < 8) std::this_thread::sleep_for(1ms);
+  s.server->stop();
+  stopped = true;
+  for (auto& c : clients) c.join();
+  EXPECT_EQ(other.load(), 0) << "an answer is the change's or \"the server is stopping\"";
+  auto after = s.server->control(json{{"qr", "after"}});
+  ASSERT_FALSE(after);
+  EXPECT_EQ(after.error().status, 503) << "changes after the stop are refused: " << after.error().message;
+}
+
 TEST(Control, ApiAnswersLikeHttp) {
   auto s = startServer();
   ASSERT_TRUE(s.server);
