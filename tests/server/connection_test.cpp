@@ -333,11 +333,12 @@ TEST(StopSignal, WakesWaitersWhereverTheyWait) {
   EXPECT_TRUE(stop.requested());
 }
 
-// Control bodies being received or waiting share one budget: exactly full is taken, one byte
-// over is turned away with 503 until a body is done.
-TEST(Memory, ControlBodiesShareOneBudget) {
+// Control bodies being received or waiting share one budget, and uploads one of their own:
+// exactly full is taken, one byte over is turned away with 503 until a body is done.
+TEST(Memory, BodiesShareABudget) {
   ServerOptions options;
   options.maxPendingBodyBytes = 100;
+  options.maxPendingUploadBytes = 100;
   auto s = startServer(SourceChoice::pattern(), {}, options);
   ASSERT_TRUE(s.server);
   auto head = [](size_t length, const std::string& more = "") {
@@ -349,18 +350,32 @@ TEST(Memory, ControlBodiesShareOneBudget) {
     return body + std::string(length - body.size(), ' ');
   };
   // The server takes the budget for a body before it tells the client to go on with it.
-  int first = connectTo(s.port());
+  auto holdBody = [&](const std::string& request) {
+    int fd = connectTo(s.port());
+    EXPECT_TRUE(sendAll(fd, request));
+    EXPECT_EQ(readInterim(fd, in(5s)), "HTTP/1.1 100 Continue\r\n\r\n");
+    return fd;
+  };
   const std::string firstBody = bodyOf(60, "first");
-  ASSERT_TRUE(sendAll(first, head(60, "Expect: 100-continue\r\n")));
-  ASSERT_EQ(readInterim(first, in(5s)), "HTTP/1.1 100 Continue\r\n\r\n");
+  int first = holdBody(head(60, "Expect: 100-continue\r\n"));
   ASSERT_TRUE(sendAll(first, firstBody.substr(0, 10)));
 
   Reply over = roundTrip(s.port(), head(41) + bodyOf(41, "over"));
   EXPECT_EQ(over.status, 503) << over.raw;
   EXPECT_EQ(over.headers["retry-after"], "1");
-  EXPECT_NE(over.body.find("try again"), std::string::npos) << over.body;
+  EXPECT_NE(over.body.find("too many control requests"), std::string::npos) << over.body;
   Reply full = roundTrip(s.port(), head(40) + bodyOf(40, "full"));
   EXPECT_EQ(full.status, 200) << "60 + 40 bytes fill the budget exactly: " << full.body;
+
+  auto upload = [](size_t length, const std::string& more = "") {
+    return "POST /upload?name=a.jpg HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: image/jpeg\r\n" +
+           more + "Content-Length: " + std::to_string(length) + "\r\n\r\n";
+  };
+  int held = holdBody(upload(60, "Expect: 100-continue\r\n"));
+  Reply uploadOver = roundTrip(s.port(), upload(41) + std::string(41, 'x'));
+  EXPECT_EQ(uploadOver.status, 503) << uploadOver.raw;
+  EXPECT_NE(uploadOver.body.find("too many uploads"), std::string::npos) << uploadOver.body;
+  ::close(held);
 
   ASSERT_TRUE(sendAll(first, firstBody.substr(10)));
   Reply answer = readReply(first, in(5s));
