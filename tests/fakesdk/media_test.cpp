@@ -10,6 +10,8 @@
 #include <fakesdk/objc_np.h>
 #include <objc/runtime.h>
 
+#include "Pictures.h"
+
 #include <gtest/gtest.h>
 #include <png.h>
 #include <qrencode.h>
@@ -755,62 +757,20 @@ std::vector<uint8_t> encodePNG(const std::vector<uint8_t> &px, int w, int h, boo
     return file;
 }
 
-// A black PNG of w x h one-bit pixels: cheap to make at any size, and decoded as any PNG is.
-std::vector<uint8_t> blackPNG(int w, int h)
+std::vector<uint8_t> bytes(const std::string &file)
 {
-    std::vector<uint8_t> file;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    png_set_write_fn(
-        png, &file,
-        [](png_structp p, png_bytep data, png_size_t n) {
-            auto *out = static_cast<std::vector<uint8_t> *>(png_get_io_ptr(p));
-            out->insert(out->end(), data, data + n);
-        },
-        nullptr);
-    png_set_compression_level(png, 1);
-    png_set_IHDR(png, info, png_uint_32(w), png_uint_32(h), 1, PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE,
-        PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    std::vector<uint8_t> row(size_t(w + 7) / 8);
-    for (int y = 0; y < h; ++y)
-        png_write_row(png, row.data());
-    png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
-    return file;
+    return std::vector<uint8_t>(file.begin(), file.end());
 }
 
-// A small JPEG whose frame header is rewritten to claim w x h: the header reads as that size and
-// the scan, far too short, decodes grey, as a truncated one does.
 std::vector<uint8_t> claimingJPEG(int w, int h)
 {
-    auto file = encodeJPEG(paint(16, 16, [](int, int) { return Color{90, 90, 90}; }), 16, 16, 90);
-    for (size_t i = 2; i + 9 < file.size();) {
-        size_t length = size_t(file[i + 2]) << 8 | file[i + 3];
-        if (file[i + 1] == 0xC0) {
-            file[i + 5] = uint8_t(h >> 8), file[i + 6] = uint8_t(h);
-            file[i + 7] = uint8_t(w >> 8), file[i + 8] = uint8_t(w);
-            return file;
-        }
-        i += 2 + length;
-    }
-    ADD_FAILURE() << "no frame header";
-    return file;
+    auto small = encodeJPEG(paint(16, 16, [](int, int) { return Color{90, 90, 90}; }), 16, 16, 90);
+    return bytes(zerlan::testing::claimSize(std::string(small.begin(), small.end()), w, h));
 }
 
-// The most this process has had resident since the last reset, in bytes.
-size_t peakResident()
+std::vector<uint8_t> blackPNG(int w, int h)
 {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::stoul(line.substr(6)) * 1024;
-    return 0;
-}
-
-void resetPeakResident()
-{
-    std::ofstream("/proc/self/clear_refs") << "5";
+    return bytes(zerlan::testing::blackPng(uint32_t(w), uint32_t(h)));
 }
 
 // The quadrants, with a one-pixel dark line down the white one: detail that only the whole
@@ -865,12 +825,13 @@ TEST_F(Media, APictureDecodesReducedUpToOneGibibyteAndIsNoImageBeyond)
     // 16384 x 16384 x 4 bytes is exactly 1 GiB: decoded, reduced to 2048 x 2048 (16 MiB). A PNG
     // that size takes seconds to decode; one of 8000 x 8000 (256 MiB whole) shows its memory.
     for (auto [file, side] : {std::pair{claimingJPEG(16384, 16384), 16384}, {blackPNG(8000, 8000), 8000}}) {
-        resetPeakResident();
-        size_t before = peakResident();
+        zerlan::testing::resetPeakResident();
+        size_t before = zerlan::testing::peakResidentBytes();
         id large = send(cls("UIImage"), "imageWithData:", nsData(file));
         ASSERT_NE(large, nil);
         EXPECT_EQ(send<CGSize>(large, "size").width, side);
-        EXPECT_LT(peakResident() - before, size_t(128) << 20) << "decoding took memory for more than reduced pixels";
+        EXPECT_LT(zerlan::testing::peakResidentBytes() - before, size_t(128) << 20)
+            << "decoding took memory for more than reduced pixels";
     }
     for (auto *make : {claimingJPEG, blackPNG})
         EXPECT_EQ(send(cls("UIImage"), "imageWithData:", nsData(make(16384, 16385))), nil);
