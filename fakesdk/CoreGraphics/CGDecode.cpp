@@ -70,10 +70,11 @@ bool decodeJPEG(const uint8_t *bytes, size_t size, const PictureHeader &header, 
 
 void premultiply(uint8_t *pixels, size_t count)
 {
-    for (size_t i = 0; i < count * 4; i += 4) {
-        unsigned a = pixels[i + 3];
-        for (int c = 0; c < 3; ++c)
-            pixels[i + c] = uint8_t((pixels[i + c] * a + 127) / 255);
+    for (uint8_t *p = pixels, *end = pixels + count * 4; p != end; p += 4) {
+        unsigned a = p[3];
+        p[0] = uint8_t((p[0] * a + 127) / 255);
+        p[1] = uint8_t((p[1] * a + 127) / 255);
+        p[2] = uint8_t((p[2] * a + 127) / 255);
     }
 }
 
@@ -90,10 +91,13 @@ public:
     void add(const uint8_t *row)
     {
         uint32_t *sum = sums_.data();
-        for (size_t x = 0; x < width_; sum += 4)
-            for (size_t end = std::min(width_, x + factor_); x < end; ++x, row += 4)
-                for (int c = 0; c < 4; ++c)
-                    sum[c] += row[c];
+        for (const uint8_t *end = row + width_ * 4; row != end; sum += 4)
+            for (const uint8_t *block = row + std::min(factor_, size_t(end - row) / 4) * 4; row != block; row += 4) {
+                sum[0] += row[0];
+                sum[1] += row[1];
+                sum[2] += row[2];
+                sum[3] += row[3];
+            }
         ++row_;
         if (row_ % factor_ != 0 && row_ != height_)
             return;
@@ -146,13 +150,20 @@ void readFromMemory(png_structp png, png_bytep out, png_size_t length)
     source->offset += length;
 }
 
+// Nothing is printed, as by libpng's simplified reader: an error ends the decode (longjmp to the
+// reader's setjmp), a warning is ignored.
+void stopOnError(png_structp png, png_const_charp)
+{
+    png_longjmp(png, 1);
+}
+
 void ignoreWarning(png_structp, png_const_charp) {}
 
 // A non-interlaced PNG row by row, with libpng's classic reader set to give 8-bit BGRA, each row
 // premultiplied and handed to the reducer: memory for one row and the reduced picture only.
 bool decodePNGRows(const uint8_t *bytes, size_t size, BoxReducer &reducer, size_t width, size_t height)
 {
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, ignoreWarning);
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, stopOnError, ignoreWarning);
     if (!png)
         return false;
     png_infop info = png_create_info_struct(png);
