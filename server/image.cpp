@@ -83,7 +83,9 @@ Result<Size> jpegSize(std::string_view bytes) {
 
 Result<PictureHeader> readPictureHeader(std::string_view bytes) {
   static constexpr char kPngSignature[] = "\x89PNG\r\n\x1A\n";
-  if (looksLikeJpeg(bytes)) {
+  // Only the start-of-image marker, as libjpeg (and so the platform's decoder) asks: it skips
+  // what lies between markers.
+  if (bytes.size() >= 2 && static_cast<uint8_t>(bytes[0]) == 0xFF && static_cast<uint8_t>(bytes[1]) == 0xD8) {
     auto size = jpegSize(bytes);
     if (!size) return size.error();
     return PictureHeader{PictureFormat::Jpeg, *size};
