@@ -90,6 +90,17 @@ TEST(PictureLimits, SourcesRefuseWhatNoCameraFrameHasBeforeDecodingIt) {
       EXPECT_NE(source.error().message.find(c.says), std::string::npos) << source.error().message;
     }
   }
+
+  // A control request opens its file so too: refused at once, and the server goes on as it was.
+  auto s = startServer();
+  ASSERT_TRUE(s.server);
+  zerlan::testing::resetPeakResident();
+  const size_t before = zerlan::testing::peakResidentBytes();
+  Reply r = post(s.port(), "/control", nlohmann::json{{"source", {{"image", dir.file("huge.png")}}}}.dump());
+  EXPECT_EQ(r.status, 400) << r.body;
+  EXPECT_NE(r.body.find("PNG of 16000x16000, 256 megapixels"), std::string::npos) << r.body;
+  EXPECT_LT(zerlan::testing::peakResidentBytes() - before, 64u << 20);
+  EXPECT_EQ(s.server->status()["source_kind"], "pattern");
 }
 
 TEST(PictureLimits, AStreamSkipsAFrameLargerThanAFrameMayBe) {
