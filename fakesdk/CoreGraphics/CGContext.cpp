@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 using namespace fakeobjc;
 using namespace fakecg;
@@ -328,7 +329,12 @@ CGImageRef CGBitmapContextCreateImage(CGContextRef context)
     if (!st)
         return nullptr;
     size_t stride = st->width * 4;
-    std::vector<uint8_t> pixels(stride * st->height);
+    std::vector<uint8_t> pixels;
+    try {
+        pixels.resize(stride * st->height);
+    } catch (const std::bad_alloc &) {
+        return nullptr; // no memory for the copy: no image, as CoreGraphics answers
+    }
     for (size_t y = 0; y < st->height; ++y)
         std::memcpy(pixels.data() + y * stride, st->data + y * st->bytesPerRow, stride);
     return createOwnedImage(std::move(pixels), st->width, st->height, stride, st->bitmapInfo,

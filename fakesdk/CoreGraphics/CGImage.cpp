@@ -220,7 +220,11 @@ bool prepareDrawing(ImageState &st)
     bool premultiply = alpha == kCGImageAlphaFirst || alpha == kCGImageAlphaLast;
     bool opaque = order.a < 0 || alpha == kCGImageAlphaNoneSkipFirst || alpha == kCGImageAlphaNoneSkipLast;
     size_t bpp = st.bitsPerPixel / 8;
-    st.converted.resize(st.width * 4 * st.height);
+    try {
+        st.converted.resize(st.width * 4 * st.height);
+    } catch (const std::bad_alloc &) {
+        return false; // no memory for the copy: CGImageCreate gives no image
+    }
     for (size_t y = 0; y < st.height; ++y) {
         const uint8_t *in = bytes + y * st.bytesPerRow;
         uint8_t *out = st.converted.data() + y * st.width * 4;

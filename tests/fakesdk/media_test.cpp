@@ -873,6 +873,13 @@ TEST(MediaDeathTest, WhenMemoryCannotBeHadAPictureIsNoImageAndNothingIsThrown)
     EXPECT_EXIT(
         {
             void *pool = objc_autoreleasePoolPush();
+            // Made before the limit: a 16 MiB context, and 24-bit pixels that drawing would
+            // convert into 16 MiB more.
+            PixelBufferContext big(2048, 2048, {0, 0, 0});
+            std::vector<uint8_t> rgb(size_t(2048) * 2048 * 3);
+            CFDataRef rgbData = CFDataCreate(nullptr, rgb.data(), CFIndex(rgb.size()));
+            CGDataProviderRef rgbProvider = CGDataProviderCreateWithCFData(rgbData);
+            CGColorSpaceRef space = CGColorSpaceCreateDeviceRGB();
             std::ifstream statm("/proc/self/statm");
             size_t pages = 0;
             statm >> pages;
@@ -882,8 +889,12 @@ TEST(MediaDeathTest, WhenMemoryCannotBeHadAPictureIsNoImageAndNothingIsThrown)
             try {
                 bool largeFails = send(cls("UIImage"), "imageWithData:", nsData(large)) == nil;
                 bool smallDecodes = send(cls("UIImage"), "imageWithData:", nsData(small)) != nil;
+                bool noSnapshot = CGBitmapContextCreateImage(big.context) == nullptr;
+                bool noConversion = CGImageCreate(2048, 2048, 8, 24, 2048 * 3, space, kCGImageAlphaNone, rgbProvider,
+                                        nullptr, true, kCGRenderingIntentDefault)
+                    == nullptr;
                 objc_autoreleasePoolPop(pool);
-                std::_Exit(largeFails && smallDecodes ? 0 : 1);
+                std::_Exit(largeFails && smallDecodes && noSnapshot && noConversion ? 0 : 1);
             } catch (...) {
                 std::_Exit(2);
             }
