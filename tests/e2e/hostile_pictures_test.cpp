@@ -40,13 +40,13 @@ const char *nameOf(Picture p)
     return "?";
 }
 
-// One frame of a `zerlan serve` test pattern in step mode.
+// One frame of a `zerlan serve` test pattern in step mode (a large one takes a while to draw).
 std::string patternFrame(std::vector<std::string> options)
 {
     StepServer server(std::move(options));
     EXPECT_NE(server.port(), 0) << server.log();
-    HttpAnswer frame = server.request("GET", "/frame");
-    EXPECT_EQ(frame.status, 200);
+    HttpAnswer frame;
+    EXPECT_TRUE(waitFor([&] { return (frame = server.request("GET", "/frame")).status == 200; }, 60s)) << server.log();
     return frame.body;
 }
 
