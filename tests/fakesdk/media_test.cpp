@@ -865,17 +865,10 @@ TEST_F(Media, DetectionLooksAtAReducedPictureAndReportsWhereTheCodeIsInTheWholeO
     }
 }
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define ZERLAN_SANITIZED 1
-#endif
-#endif
-
 TEST(MediaDeathTest, WhenMemoryCannotBeHadAPictureIsNoImageAndNothingIsThrown)
 {
-#ifdef ZERLAN_SANITIZED
-    GTEST_SKIP() << "a sanitizer's allocator reports running out of memory instead of failing the allocation";
-#endif
+    if (zerlan::testing::kSanitized)
+        GTEST_SKIP() << "a sanitizer's allocator reports running out of memory instead of failing the allocation";
     auto small = encodeJPEG(paint(64, 48, [](int x, int y) { return quadrantAt(x, y, 64, 48); }), 64, 48, 90);
     auto large = claimingJPEG(8000, 8000); // its reduced pixels take 16 MiB
     EXPECT_EXIT(

@@ -8,7 +8,21 @@
 #include <fstream>
 #include <string>
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZERLAN_TEST_SANITIZED 1
+#endif
+#endif
+
 namespace zerlan::testing {
+
+// Under AddressSanitizer or ThreadSanitizer, whose allocators report running out of memory
+// instead of failing the allocation, and whose shadow memory adds to what a process has resident.
+#ifdef ZERLAN_TEST_SANITIZED
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
 
 // A JPEG whose frame header is rewritten to claim width x height: the header reads as that size,
 // and the scan, far too short for it, decodes grey as a truncated one does. Unchanged (and a
