@@ -50,7 +50,8 @@ soak: configure
 	@cmake --build --preset $(PRESET) --target zerlan bench-fetch-latency
 	@bash bench/soak/run.sh
 
-# libFuzzer on the request parser, the control body and the library's fetch, FUZZ_SECONDS each.
+# libFuzzer on the request parser, the control body, the library's fetch and the pictures it
+# receives, FUZZ_SECONDS each.
 fuzz: setup
 	@bash scripts/fuzz
 

@@ -39,19 +39,15 @@ struct ProbeOptions {
   bool json = false;
 };
 
+// What a body is to the library: a picture's size and kind from its header, a JPEG's QR code,
+// and why the library would drop it, when it would.
 struct Decoded {
-  int width = 0;
+  int width = 0;  // 0: no picture header
   int height = 0;
+  std::string_view format;  // JPEG or PNG
   std::optional<std::string> qr;
+  std::string problem;
 };
-
-std::optional<Decoded> decode(const std::string& bytes) {
-  auto image = server::decodeJpeg(bytes);
-  if (!image) return std::nullopt;
-  Decoded out{image->width, image->height, std::nullopt};
-  out.qr = server::readQrCode(*image);
-  return out;
-}
 
 // Whether anything accepts connections on 127.0.0.1:port: tells "no server" from "a server
 // that gave no frame".
@@ -77,8 +73,8 @@ std::optional<std::string> checkSavePath(const std::string& save) {
 }
 
 // What one fetch came to, as the app would see it. Only Frame reaches the app: the library drops
-// bytes that do not decode.
-enum class Verdict { Frame, Undecodable, NoFrame, NoServer };
+// bytes that do not decode, and no camera frame is larger than a frame may be.
+enum class Verdict { Frame, Undecodable, TooLarge, NoFrame, NoServer };
 
 constexpr const char* verdictName(Verdict v) {
   switch (v) {
@@ -86,6 +82,8 @@ constexpr const char* verdictName(Verdict v) {
       return "frame";
     case Verdict::Undecodable:
       return "undecodable";
+    case Verdict::TooLarge:
+      return "too large";
     case Verdict::NoFrame:
       return "no frame";
     case Verdict::NoServer:
@@ -101,6 +99,32 @@ struct Fetch {
   std::optional<Decoded> decoded;
 };
 
+// The size comes from the header, before anything is decoded: a picture larger than a frame may
+// be is reported, not decoded. A PNG is a frame too (the library decodes it); codes are read from
+// JPEGs only.
+Verdict decode(const std::string& bytes, Decoded& out) {
+  auto header = server::readPictureHeader(bytes);
+  if (!header) {
+    out.problem = header.error().message;
+    return Verdict::Undecodable;
+  }
+  out.width = header->size.width;
+  out.height = header->size.height;
+  out.format = server::formatName(header->format);
+  if (auto fits = server::checkPictureSize(header->size, out.format); !fits) {
+    out.problem = fits.error().message;
+    return Verdict::TooLarge;
+  }
+  if (header->format != server::PictureFormat::Jpeg) return Verdict::Frame;
+  auto image = server::decodeJpeg(bytes);
+  if (!image) {
+    out.problem = image.error().message;
+    return Verdict::Undecodable;
+  }
+  out.qr = server::readQrCode(*image);
+  return Verdict::Frame;
+}
+
 Fetch fetchOnce(const sockaddr_in& endpoint, int port) {
   using Clock = std::chrono::steady_clock;
   objc::AutoreleasePool pool;
@@ -114,8 +138,8 @@ Fetch fetchOnce(const sockaddr_in& endpoint, int port) {
   }
   auto* data = objc::send<const char*>(frame, objc::sel<"bytes">());
   f.bytes.assign(data, objc::send<unsigned long>(frame, objc::sel<"length">()));
-  f.decoded = decode(f.bytes);
-  f.verdict = f.decoded ? Verdict::Frame : Verdict::Undecodable;
+  f.decoded.emplace();
+  f.verdict = decode(f.bytes, *f.decoded);
   return f;
 }
 
@@ -123,25 +147,34 @@ void printFetch(int number, const Fetch& f, int port, bool json) {
   if (json) {
     // Fields in the order people read them, not sorted.
     const auto& d = f.decoded;
+    const bool sized = d && d->width > 0;
     nlohmann::ordered_json line = {{"frame", f.verdict == Verdict::Frame},
                                    {"verdict", verdictName(f.verdict)},
                                    {"bytes", f.bytes.size()},
                                    {"ms", std::round(f.ms * 1000) / 1000},
-                                   {"width", d ? nlohmann::ordered_json(d->width) : nullptr},
-                                   {"height", d ? nlohmann::ordered_json(d->height) : nullptr},
-                                   {"qr", d && d->qr ? nlohmann::ordered_json(*d->qr) : nullptr}};
+                                   {"width", sized ? nlohmann::ordered_json(d->width) : nullptr},
+                                   {"height", sized ? nlohmann::ordered_json(d->height) : nullptr},
+                                   {"qr", d && d->qr ? nlohmann::ordered_json(*d->qr) : nullptr},
+                                   {"problem", d && !d->problem.empty() ? nlohmann::ordered_json(d->problem) : nullptr}};
     std::printf("%s\n", line.dump().c_str());
     return;
   }
   switch (f.verdict) {
-    case Verdict::Frame:
-      std::printf("fetch %d: %zu bytes in %.1f ms, %dx%d JPEG", number, f.bytes.size(), f.ms, f.decoded->width,
-                  f.decoded->height);
-      std::printf(f.decoded->qr ? ", QR \"%s\"\n" : ", no QR code\n", f.decoded->qr ? f.decoded->qr->c_str() : "");
+    case Verdict::Frame: {
+      const Decoded& d = *f.decoded;
+      std::printf("fetch %d: %zu bytes in %.1f ms, %dx%d %.*s", number, f.bytes.size(), f.ms, d.width, d.height,
+                  static_cast<int>(d.format.size()), d.format.data());
+      if (d.format == "JPEG") std::printf(d.qr ? ", QR \"%s\"" : ", no QR code", d.qr ? d.qr->c_str() : "");
+      std::printf("\n");
       break;
+    }
     case Verdict::Undecodable:
-      std::printf("fetch %d: %zu bytes in %.1f ms, but no JPEG the library can decode: it drops them, no frame\n",
-                  number, f.bytes.size(), f.ms);
+      std::printf("fetch %d: %zu bytes in %.1f ms, but no JPEG the library can decode (%s): it drops them, no frame\n",
+                  number, f.bytes.size(), f.ms, f.decoded->problem.c_str());
+      break;
+    case Verdict::TooLarge:
+      std::printf("fetch %d: %zu bytes in %.1f ms, no frame: %s\n", number, f.bytes.size(), f.ms,
+                  f.decoded->problem.c_str());
       break;
     case Verdict::NoFrame:
       std::printf("fetch %d: no frame from 127.0.0.1:%d after %.1f ms, although a server answers there\n", number,
@@ -200,13 +233,17 @@ int run(const ProbeOptions& options) {
     std::fprintf(stderr, "zerlan probe: %d%sno frame: nothing listens on 127.0.0.1:%d (start the frame server with "
                  "'zerlan serve')\n", n, of.c_str(), port);
   }
-  const int noFrame = tally[Verdict::NoFrame], undecodable = tally[Verdict::Undecodable];
-  if (noFrame || undecodable) {
-    std::string what = noFrame ? std::to_string(noFrame) + of + "no frame" : "";
-    if (undecodable) {
-      what += (noFrame ? " and " : "") + std::to_string(undecodable) + (noFrame ? " got " : of) +
-              "bytes that are no JPEG, which the library drops";
-    }
+  const int noFrame = tally[Verdict::NoFrame], undecodable = tally[Verdict::Undecodable],
+            tooLarge = tally[Verdict::TooLarge];
+  if (noFrame || undecodable || tooLarge) {
+    std::string what;
+    auto add = [&](int n, const std::string& got) {
+      if (n) what += (what.empty() ? std::to_string(n) + of : " and " + std::to_string(n) + " got ") + got;
+    };
+    add(noFrame, "no frame");
+    add(undecodable, "bytes that are no JPEG, which the library drops");
+    add(tooLarge, "pictures larger than a frame may be (" +
+                      std::to_string(server::kMaxPicturePixels / 1'000'000) + " megapixels)");
     PortHolder holder = whoListens(static_cast<uint16_t>(port));
     std::string why = holder.kind == PortHolder::Kind::Other
                           ? foreignListenerText(static_cast<uint16_t>(port), holder) +
@@ -234,11 +271,14 @@ Command addProbe(CLI::App& zerlan) {
       ->type_name("FILE");
   app->add_flag("--json", options->json,
                 "One JSON object per fetch: frame (whether the app would get one), verdict (frame, undecodable, "
-                "no frame, no server), bytes, ms, width, height, qr (null when not decodable)");
-  app->footer("A fetch gives the app a frame only when a server answers with a JPEG that decodes: the library\n"
-              "drops other bytes. Exit status 0 when every fetch gave a frame (and --save wrote it), 1 otherwise\n"
-              "(the reasons go to standard error, with --json too), 2 for a bad command line (a --save path that\n"
-              "is a folder or in a missing folder included).");
+                "too large, no frame, no server), bytes, ms, width, height (from the picture's header), qr (null "
+                "when not read), problem (why the library would drop the bytes)");
+  app->footer("A fetch gives the app a frame only when a server answers with a JPEG that decodes, or a PNG, of at\n"
+              "most " + std::to_string(server::kMaxPicturePixels / 1'000'000) +
+              " megapixels (read from its header before anything is decoded): the library drops other bytes.\n"
+              "Exit status 0 when every fetch gave a frame (and --save wrote it), 1 otherwise (the reasons go\n"
+              "to standard error, with --json too), 2 for a bad command line (a --save path that is a folder or\n"
+              "in a missing folder included).");
   return {app, [options] { return run(*options); }};
 }
 

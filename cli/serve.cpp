@@ -19,6 +19,7 @@
 
 #include "cli/command.h"
 #include "cli/loopback.h"
+#include "lib/transport/FrameLimit.h"
 #include "server/camera.h"
 #include "server/image.h"
 #include "server/platform.h"
@@ -287,7 +288,12 @@ Command addServe(CLI::App& zerlan) {
 
   auto* image = cmd->add_option("--image", o->image,
                                 "Serve one picture: a JPEG byte for byte; PNG and other "
-                                "formats are converted to JPEG once.")
+                                "formats are converted to JPEG once. A picture (here, in --dir "
+                                "or named by a control request) may have at most " +
+                                    std::to_string(server::kMaxPicturePixels / 1'000'000) +
+                                    " megapixels, read from its header, and as a JPEG at most " +
+                                    std::to_string(transport::kMaxFrameBytes >> 20) +
+                                    " MiB, what the library takes for one frame.")
                     ->type_name("FILE");
   auto* dir = cmd->add_option("--dir", o->dir,
                               "Serve the pictures of a folder in name order, one per 1/fps "

@@ -3,6 +3,10 @@
 #include <turbojpeg.h>
 
 #include <charconv>
+#include <cmath>
+#include <cstring>
+
+#include "lib/transport/FrameLimit.h"
 
 namespace zerlan::server {
 
@@ -75,6 +79,56 @@ Result<Size> jpegSize(std::string_view bytes) {
   tjDestroy(h);
   if (rc != 0) return fail("not a readable JPEG: " + why);
   return Size{w, hgt};
+}
+
+Result<PictureHeader> readPictureHeader(std::string_view bytes) {
+  static constexpr char kPngSignature[] = "\x89PNG\r\n\x1A\n";
+  // Only the start-of-image marker, as libjpeg (and so the platform's decoder) asks: it skips
+  // what lies between markers.
+  if (bytes.size() >= 2 && static_cast<uint8_t>(bytes[0]) == 0xFF && static_cast<uint8_t>(bytes[1]) == 0xD8) {
+    auto size = jpegSize(bytes);
+    if (!size) return size.error();
+    return PictureHeader{PictureFormat::Jpeg, *size};
+  }
+  if (bytes.starts_with(std::string_view(kPngSignature, 8))) {
+    // IHDR is the first chunk: its length (13), its name, then width and height, big-endian.
+    auto be32 = [&](size_t at) {
+      uint32_t v = 0;
+      for (size_t i = 0; i < 4; ++i) v = v << 8 | static_cast<uint8_t>(bytes[at + i]);
+      return v;
+    };
+    if (bytes.size() < 24 || be32(8) != 13 || bytes.substr(12, 4) != "IHDR")
+      return fail("not a readable PNG: its header chunk is missing");
+    uint32_t width = be32(16), height = be32(20);
+    if (width == 0 || height == 0 || width > INT32_MAX || height > INT32_MAX)
+      return fail("not a readable PNG: it claims a size of " + std::to_string(width) + "x" +
+                  std::to_string(height));
+    return PictureHeader{PictureFormat::Png, Size{static_cast<int>(width), static_cast<int>(height)}};
+  }
+  return fail("neither a JPEG nor a PNG");
+}
+
+std::string_view formatName(PictureFormat format) {
+  return format == PictureFormat::Jpeg ? "JPEG" : "PNG";
+}
+
+Result<void> checkPictureSize(Size size, std::string_view what) {
+  int64_t pixels = int64_t{size.width} * size.height;
+  if (pixels <= kMaxPicturePixels) return {};
+  char megapixels[32];
+  std::snprintf(megapixels, sizeof megapixels, "%g", static_cast<double>(pixels) / 1e6);
+  return fail(std::string(what) + " of " + formatSize(size) + ", " + megapixels +
+              " megapixels, more than a camera frame has: a frame may have at most " +
+              std::to_string(kMaxPicturePixels / 1'000'000) +
+              " megapixels (8000x8000, for example); scale the picture down first");
+}
+
+Result<void> checkFrameBytes(size_t bytes) {
+  if (bytes <= transport::kMaxFrameBytes) return {};
+  return fail(std::to_string(bytes) + " bytes, more than the library takes for one frame (" +
+              std::to_string(transport::kMaxFrameBytes >> 20) + " MiB, " +
+              std::to_string(transport::kMaxFrameBytes) +
+              " bytes): it would never arrive; save the picture smaller (fewer pixels or a lower JPEG quality)");
 }
 
 Result<RgbImage> decodeJpeg(std::string_view bytes) {

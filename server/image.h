@@ -53,6 +53,29 @@ bool looksLikeJpeg(std::string_view bytes);
 // The dimensions in a JPEG's frame header, or an error when libjpeg-turbo cannot read it.
 Result<Size> jpegSize(std::string_view bytes);
 
+// A picture's format and size as its header states them, read before any pixel is decoded: a
+// JPEG's frame header (libjpeg-turbo), a PNG's IHDR chunk. An error for anything else.
+enum class PictureFormat { Jpeg, Png };
+struct PictureHeader {
+  PictureFormat format;
+  Size size;
+};
+Result<PictureHeader> readPictureHeader(std::string_view bytes);
+std::string_view formatName(PictureFormat format);
+
+// The most pixels a frame may have. A camera feed is video-sized (8K video has 33 megapixels) and
+// the usual phone photo has 12 to 50: a picture that claims more is no camera frame, and a header
+// that claims 30000 x 30000 over a few hundred bytes is an attack on whatever decodes it.
+inline constexpr int64_t kMaxPicturePixels = 64'000'000;
+
+// Whether a picture of this size can be a frame. The error describes the picture ("JPEG of
+// 30000x30000, 900 megapixels, ...", `what` naming its kind) and says what the limit is.
+Result<void> checkPictureSize(Size size, std::string_view what);
+
+// Whether a frame of this many bytes reaches the library (kMaxFrameBytes); the error says how
+// large it is and what to do.
+Result<void> checkFrameBytes(size_t bytes);
+
 Result<RgbImage> decodeJpeg(std::string_view bytes);
 
 }  // namespace zerlan::server

@@ -62,6 +62,15 @@ AVDictionary* openOptions() {
   return options;
 }
 
+// The decoders allowed, and no picture larger than a frame may be (checked before a decoder
+// allocates it).
+AVDictionary* decoderOptions(const char* decoders) {
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "codec_whitelist", decoders, 0);
+  av_dict_set_int(&options, "max_pixels", kMaxPicturePixels, 0);
+  return options;
+}
+
 // Trims `frame` to the proportions of `size`, evenly on both sides.
 void cropToShape(AVFrame* frame, Size size) {
   const int64_t w = frame->width, h = frame->height;
@@ -117,6 +126,7 @@ struct MediaReader::State {
   bool waiting = false;  // the device had no frame ready
   bool holding = false;  // `frame` is the frame decoded last
   uint64_t position = 0;  // of the next frame decoded, from the start of the file
+  Size probedSize;       // a file's pictures, as it states them (none when it does not say)
 
   // What stepping learns of the file: its frame count, and from the container every frame's
   // presentation time in order with the positions of the keyframes among them.
@@ -158,10 +168,25 @@ Result<std::unique_ptr<MediaReader>> MediaReader::open(const std::string& path) 
                 " (pictures: JPEG, PNG, BMP, GIF, WebP, TIFF, PNM; videos: MP4, MOV, MKV, WebM, AVI, MPEG, "
                 "FLV, Ogg)");
   }
-  if (int rc = avformat_find_stream_info(s.format, nullptr); rc < 0) {
-    return fail("cannot read " + path + ": " + averror(rc));
-  }
+  // Decoders refuse a picture larger than a frame may be before they allocate it, also while
+  // probing: most picture formats state their size only to the decoder, which says it in its log.
+  std::vector<AVDictionary*> probeOptions(s.format->nb_streams);
+  for (auto& streamOptions : probeOptions) streamOptions = decoderOptions(kDecoders);
+  int found = 0;
+  withLibavLog(
+      [&](int level, const std::string& line) {
+        unsigned width = 0, height = 0;
+        size_t at = line.find("Picture size ");
+        if (level <= AV_LOG_ERROR && at != std::string::npos &&
+            std::sscanf(line.c_str() + at, "Picture size %ux%u exceeds", &width, &height) == 2 &&
+            width <= INT32_MAX && height <= INT32_MAX)
+          s.probedSize = Size{static_cast<int>(width), static_cast<int>(height)};
+      },
+      [&] { found = avformat_find_stream_info(s.format, probeOptions.data()); });
+  for (auto& streamOptions : probeOptions) av_dict_free(&streamOptions);
+  if (found < 0) return fail("cannot read " + path + ": " + averror(found));
   if (auto decoder = reader->openDecoder(kDecoders); !decoder) return decoder.error();
+  if (s.codec->width > 0) s.probedSize = Size{s.codec->width, s.codec->height};
   return reader;
 }
 
@@ -215,15 +240,20 @@ Result<void> MediaReader::openDecoder(const char* decoders) {
   s.frame = av_frame_alloc();
   if (!s.codec || !s.packet || !s.frame) return fail("out of memory opening " + s.path);
   avcodec_parameters_to_context(s.codec, s.format->streams[s.stream]->codecpar);
-  AVDictionary* codecOptions = nullptr;
-  av_dict_set(&codecOptions, "codec_whitelist", decoders, 0);
-  int rc = avcodec_open2(s.codec, decoder, &codecOptions);
-  av_dict_free(&codecOptions);
+  AVDictionary* options = decoderOptions(decoders);
+  int rc = avcodec_open2(s.codec, decoder, &options);
+  av_dict_free(&options);
   if (rc < 0) return fail("cannot decode " + s.path + " (" + decoder->name + "): " + averror(rc));
   return {};
 }
 
 MediaReader::~MediaReader() = default;
+
+Result<void> MediaReader::checkSize() const {
+  if (auto fits = checkPictureSize(s_->probedSize, "picture"); !fits)
+    return fail(s_->path + ": " + fits.error().message);
+  return {};
+}
 
 Size MediaReader::size() const { return Size{s_->codec->width, s_->codec->height}; }
 
@@ -462,11 +492,15 @@ Result<std::optional<MediaFrame>> MediaReader::frameAt(uint64_t index, std::opti
 }
 
 Result<RgbImage> readPicture(const std::string& path, std::optional<Size> size) {
+  auto unreadable = [&](const Error& error) {
+    return fail(path + " is not an image that can be read: " + error.message);
+  };
   auto reader = MediaReader::open(path);
-  if (!reader) return reader.error();
+  if (!reader) return unreadable(reader.error());
+  if (auto fits = (*reader)->checkSize(); !fits) return fits.error();
   auto frame = (*reader)->next(size);
-  if (!frame) return frame.error();
-  if (!frame->has_value()) return fail(path + " contains no picture");
+  if (!frame) return unreadable(frame.error());
+  if (!frame->has_value()) return unreadable(fail(path + " contains no picture"));
   return std::move((*frame)->image);
 }
 

@@ -58,6 +58,9 @@ class MediaReader {
                                             const StopSignal& stop);
 
   Size size() const;
+  // An error when the file's pictures are larger than a frame may be (checkPictureSize): opening
+  // reads their size without decoding one.
+  Result<void> checkSize() const;
   double frameRate() const;  // 0 when unknown
   std::string codecName() const;
   double duration() const;  // seconds, as the file records its length; 0 when it does not
@@ -70,7 +73,7 @@ class MediaReader {
   std::unique_ptr<State> s_;
 };
 
-// The first frame of the picture or video in `path`.
+// The first frame of the picture or video in `path`; the error names the file and says why.
 Result<RgbImage> readPicture(const std::string& path, std::optional<Size> size);
 
 // Sets FFmpeg up, once for the process: its log goes only where withLibavLog says, and the

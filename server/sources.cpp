@@ -111,9 +111,11 @@ struct Picture {
   bool transcoded = false;
 };
 
-// A JPEG file is kept byte for byte; anything else FFmpeg can read is encoded once. A folder's
-// file (`inFolder`) must start as a picture does: a video's first frame is a picture that
-// --image may serve, but a folder's other files are skipped at the cost of a look.
+// A JPEG file is kept byte for byte; anything else FFmpeg can read is encoded once. A JPEG's or
+// PNG's size is read from its header before anything is decoded, so a picture that no camera
+// gives is refused at once (FFmpeg holds every other format to the same limit). A folder's file
+// (`inFolder`) must start as a picture does: a video's first frame is a picture that --image may
+// serve, but a folder's other files are skipped at the cost of a look.
 Result<Picture> loadPicture(const std::string& path, const FrameSettings& settings,
                             bool inFolder = false) {
   auto bytes = readFile(path);
@@ -122,17 +124,34 @@ Result<Picture> loadPicture(const std::string& path, const FrameSettings& settin
     return fail(path + " is not a picture: it starts as no JPEG, PNG, BMP, GIF, WebP, TIFF or "
                 "PNM file does");
   }
-  if (looksLikeJpeg(*bytes)) {
-    auto size = jpegSize(*bytes);
-    if (!size) return fail(path + " is " + size.error().message);
-    return Picture{std::move(bytes.value()), *size, false};
+  auto header = readPictureHeader(*bytes);
+  if (header) {
+    if (auto fits = checkPictureSize(header->size, formatName(header->format)); !fits)
+      return fail(path + ": " + fits.error().message);
+  } else if (looksLikeJpeg(*bytes)) {
+    return fail(path + " is " + header.error().message);
+  }
+  if (header && header->format == PictureFormat::Jpeg) {
+    if (auto fits = checkFrameBytes(bytes->size()); !fits) return fail(path + " is " + fits.error().message);
+    return Picture{std::move(bytes.value()), header->size, false};
   }
   auto image = readPicture(path, settings.size);
-  if (!image) return fail(path + " is not an image that can be read: " + image.error().message);
+  if (!image) return image.error();
   JpegEncoder encoder;
   auto jpeg = encoder.encode(*image, settings.quality);
   if (!jpeg) return jpeg.error();
+  if (auto fits = checkFrameBytes(jpeg->size()); !fits)
+    return fail(path + " as a JPEG is " + fits.error().message);
   return Picture{std::move(jpeg.value()), Size{image->width, image->height}, true};
+}
+
+// A JPEG of the MJPEG stream that can be a frame: its size, or why it is skipped.
+Result<Size> streamFrameSize(std::string_view jpeg) {
+  auto size = jpegSize(jpeg);
+  if (!size) return size;
+  if (auto fits = checkPictureSize(*size, "JPEG"); !fits) return fits.error();
+  if (auto fits = checkFrameBytes(jpeg.size()); !fits) return fail("a JPEG of " + fits.error().message);
+  return size;
 }
 
 class PatternSource final : public Source {
@@ -667,7 +686,7 @@ class StreamSource final : public Source {
         // Live, only the newest image of a batch matters: each one replaces the one before.
         std::optional<std::pair<uint64_t, Size>> newest;
         for (size_t i = 0; i < images.size(); ++i) {
-          auto size = jpegSize(images[i]);
+          auto size = streamFrameSize(images[i]);
           if (!size) {
             badFrames_.fetch_add(1, std::memory_order_relaxed);
             if (badReported++ < 5)
@@ -746,6 +765,7 @@ Result<std::unique_ptr<Source>> openVideo(const std::string& path, const FrameSe
   if (!fs::is_regular_file(status)) return fail(path + " is not a regular file");
   auto reader = MediaReader::open(path);
   if (!reader) return reader.error();
+  if (auto fits = (*reader)->checkSize(); !fits) return fits.error();
   auto first = (*reader)->next(settings.size);
   if (!first) return first.error();
   if (!first->has_value()) return fail(path + " has no video frames");

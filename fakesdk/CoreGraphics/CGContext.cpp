@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 using namespace fakeobjc;
 using namespace fakecg;
@@ -328,7 +329,12 @@ CGImageRef CGBitmapContextCreateImage(CGContextRef context)
     if (!st)
         return nullptr;
     size_t stride = st->width * 4;
-    std::vector<uint8_t> pixels(stride * st->height);
+    std::vector<uint8_t> pixels;
+    try {
+        pixels.resize(stride * st->height);
+    } catch (const std::bad_alloc &) {
+        return nullptr; // no memory for the copy: no image, as CoreGraphics answers
+    }
     for (size_t y = 0; y < st->height; ++y)
         std::memcpy(pixels.data() + y * stride, st->data + y * st->bytesPerRow, stride);
     return createOwnedImage(std::move(pixels), st->width, st->height, stride, st->bitmapInfo,
@@ -423,10 +429,14 @@ void CGContextDrawImage(CGContextRef c, CGRect rect, CGImageRef image)
     ImageState *img = imageOf(image);
     if (!st || !img || !usable(rect))
         return;
-    Affine forward = imageToMemory(*st, rect, double(img->width), double(img->height));
-    Quad area = boundsOf(forward, double(img->width), double(img->height));
+    // A picture decoded reduced draws its kept pixels over the same rectangle.
+    double width = double(img->pixelWidth), height = double(img->pixelHeight);
+    if (img->pixelWidth > INT32_MAX || img->pixelHeight > INT32_MAX || img->drawStride > INT32_MAX)
+        return;
+    Affine forward = imageToMemory(*st, rect, width, height);
+    Quad area = boundsOf(forward, width, height);
 
-    pixman_image_t *src = pixman_image_create_bits(img->drawFormat, int(img->width), int(img->height),
+    pixman_image_t *src = pixman_image_create_bits(img->drawFormat, int(img->pixelWidth), int(img->pixelHeight),
         reinterpret_cast<uint32_t *>(const_cast<uint8_t *>(img->drawPixels)), int(img->drawStride));
     if (!src)
         return;

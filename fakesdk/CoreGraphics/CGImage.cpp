@@ -4,11 +4,11 @@
 #include "CGPrivate.h"
 
 #include <png.h>
-#include <turbojpeg.h>
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <new>
 
 using namespace fakeobjc;
 
@@ -145,64 +145,51 @@ CGImageRef createOwnedImage(std::vector<uint8_t> &&pixels, size_t width, size_t 
 
 namespace {
 
-CGImageRef decodeJPEG(const uint8_t *bytes, size_t size)
+// A decoded picture's bitmap may take at most 1 GiB: a picture that claims more (a JPEG header
+// says up to 65500 x 65500) is memory an app cannot have, and decoding fails as ImageIO's does
+// when its allocation fails: no image. Larger than 2048 x 2048, a picture keeps reduced pixels,
+// which is all that drawing it at a screen's or a pixel buffer's size needs; its whole pixels
+// are decoded again when asked for.
+constexpr size_t kMaxPicturePixels = (size_t(1) << 30) / 4;
+constexpr DecodeLimit kKeptPixels = {size_t(2048) * 2048, 32767}; // pixman addresses 15-bit coordinates
+
+CGImageRef createPicture(CGDataProviderRef source, PictureFormat format)
 {
-    if (size < 3 || bytes[0] != 0xFF || bytes[1] != 0xD8)
+    DataProviderState *encoded = providerOf(source);
+    std::optional<PictureHeader> header = encoded ? readPictureHeader(encoded->bytes, encoded->size) : std::nullopt;
+    if (!header || header->format != format || header->width * header->height > kMaxPicturePixels)
         return nullptr;
-    std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitDecompress(), tjDestroy);
-    if (!handle)
+    Bitmap bitmap;
+    if (!decodePicture(encoded->bytes, encoded->size, *header, kKeptPixels, bitmap))
         return nullptr;
-    int width = 0, height = 0, subsampling = 0, colorspace = 0;
-    if (tjDecompressHeader3(
-            handle.get(), bytes, static_cast<unsigned long>(size), &width, &height, &subsampling, &colorspace)
-        != 0)
-        return nullptr;
-    if (width <= 0 || height <= 0)
-        return nullptr;
-    size_t stride = size_t(width) * 4;
-    // Every byte is written by the decoder, so the buffer is not cleared first (a frame's worth of
-    // memset is a measurable share of decoding).
-    size_t length = stride * size_t(height);
-    std::unique_ptr<uint8_t[]> pixels(new uint8_t[length]);
-    if (tjDecompress2(handle.get(), bytes, static_cast<unsigned long>(size), pixels.get(), width, int(stride), height,
-            TJPF_BGRA, 0)
-            != 0
-        && tjGetErrorCode(handle.get()) != TJERR_WARNING)
-        return nullptr;
-    // A warning (typically a truncated scan) still leaves a picture, as ImageIO's lenient decoding
-    // does: the missing part stays grey.
-    uint8_t *data = pixels.release();
+    uint8_t *data = bitmap.pixels.release();
+    size_t length = bitmap.width * 4 * bitmap.height;
     CGDataProviderRef provider = CGDataProviderCreateWithData(data, data, length, deleteBytes);
     CGColorSpaceRef space = CGColorSpaceCreateDeviceRGB();
-    CGImageRef image = CGImageCreate(size_t(width), size_t(height), 8, 32, stride, space, kDecodedBitmapInfo, provider,
-        nullptr, true, kCGRenderingIntentDefault);
+    CGImageRef image = CGImageCreate(bitmap.width, bitmap.height, 8, 32, bitmap.width * 4, space, kDecodedBitmapInfo,
+        provider, nullptr, true, kCGRenderingIntentDefault);
     CGColorSpaceRelease(space);
     CGDataProviderRelease(provider);
+    ImageState *st = imageOf(image);
+    if (st && (bitmap.width != header->width || bitmap.height != header->height)) {
+        st->width = header->width;
+        st->height = header->height;
+        st->bytesPerRow = header->width * 4;
+        id whole = class_createInstance(gDataProviderClass, 0);
+        DataProviderState &wholeState = gDataProviderSlot.get(whole);
+        wholeState.encoded = objc_retain(reinterpret_cast<id>(source));
+        wholeState.header = *header;
+        st->wholeProvider = whole;
+    }
     return image;
 }
 
-CGImageRef decodePNG(const uint8_t *bytes, size_t size)
+// The picture of a reduced picture's provider, whole; false when the memory cannot be had.
+bool decodeWhole(const DataProviderState &whole, Bitmap &out)
 {
-    static const uint8_t signature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-    if (size < 8 || std::memcmp(bytes, signature, 8) != 0)
-        return nullptr;
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_memory(&image, bytes, size))
-        return nullptr;
-    image.format = PNG_FORMAT_BGRA;
-    size_t stride = size_t(image.width) * 4;
-    std::vector<uint8_t> pixels(stride * image.height);
-    if (!png_image_finish_read(&image, nullptr, pixels.data(), png_int_32(stride), nullptr)) {
-        png_image_free(&image);
-        return nullptr;
-    }
-    for (size_t i = 0; i < pixels.size(); i += 4) {
-        unsigned a = pixels[i + 3];
-        for (int c = 0; c < 3; ++c)
-            pixels[i + c] = uint8_t((pixels[i + c] * a + 127) / 255);
-    }
-    return createOwnedImage(std::move(pixels), image.width, image.height, stride, kDecodedBitmapInfo, nullptr);
+    const DataProviderState *encoded = providerOf(reinterpret_cast<CGDataProviderRef>(whole.encoded));
+    return encoded
+        && decodePicture(encoded->bytes, encoded->size, whole.header, {kMaxPicturePixels, SIZE_MAX}, out);
 }
 
 // Pixman reads premultiplied 32-bit words at 4-byte aligned strides; anything else is converted
@@ -233,7 +220,11 @@ bool prepareDrawing(ImageState &st)
     bool premultiply = alpha == kCGImageAlphaFirst || alpha == kCGImageAlphaLast;
     bool opaque = order.a < 0 || alpha == kCGImageAlphaNoneSkipFirst || alpha == kCGImageAlphaNoneSkipLast;
     size_t bpp = st.bitsPerPixel / 8;
-    st.converted.resize(st.width * 4 * st.height);
+    try {
+        st.converted.resize(st.width * 4 * st.height);
+    } catch (const std::bad_alloc &) {
+        return false; // no memory for the copy: CGImageCreate gives no image
+    }
     for (size_t y = 0; y < st.height; ++y) {
         const uint8_t *in = bytes + y * st.bytesPerRow;
         uint8_t *out = st.converted.data() + y * st.width * 4;
@@ -350,7 +341,12 @@ CFDataRef CGDataProviderCopyData(CGDataProviderRef provider)
     DataProviderState *st = providerOf(provider);
     if (!st)
         return nullptr;
-    return CFDataCreate(kCFAllocatorDefault, st->bytes, CFIndex(st->size));
+    if (!st->encoded)
+        return CFDataCreate(kCFAllocatorDefault, st->bytes, CFIndex(st->size));
+    Bitmap whole;
+    if (!decodeWhole(*st, whole))
+        return nullptr;
+    return CFDataCreate(kCFAllocatorDefault, whole.pixels.get(), CFIndex(whole.width * 4 * whole.height));
 }
 
 // ---- images
@@ -372,8 +368,8 @@ CGImageRef CGImageCreate(size_t width, size_t height, size_t bitsPerComponent, s
         return nullptr;
     id obj = class_createInstance(gImageClass, 0);
     ImageState &st = gImageSlot.get(obj);
-    st.width = width;
-    st.height = height;
+    st.width = st.pixelWidth = width;
+    st.height = st.pixelHeight = height;
     st.bitsPerComponent = bitsPerComponent;
     st.bitsPerPixel = bitsPerPixel;
     st.bytesPerRow = bytesPerRow;
@@ -390,14 +386,12 @@ CGImageRef CGImageCreate(size_t width, size_t height, size_t bitsPerComponent, s
 
 CGImageRef CGImageCreateWithJPEGDataProvider(CGDataProviderRef source, const CGFloat *, bool, CGColorRenderingIntent)
 {
-    DataProviderState *st = providerOf(source);
-    return st ? decodeJPEG(st->bytes, st->size) : nullptr;
+    return createPicture(source, PictureFormat::jpeg);
 }
 
 CGImageRef CGImageCreateWithPNGDataProvider(CGDataProviderRef source, const CGFloat *, bool, CGColorRenderingIntent)
 {
-    DataProviderState *st = providerOf(source);
-    return st ? decodePNG(st->bytes, st->size) : nullptr;
+    return createPicture(source, PictureFormat::png);
 }
 
 CGImageRef CGImageRetain(CGImageRef image)
@@ -468,46 +462,61 @@ CGImageByteOrderInfo CGImageGetByteOrderInfo(CGImageRef image)
 CGDataProviderRef CGImageGetDataProvider(CGImageRef image)
 {
     ImageState *st = imageOf(image);
-    return st ? reinterpret_cast<CGDataProviderRef>(st->provider) : nullptr;
+    return st ? reinterpret_cast<CGDataProviderRef>(st->wholeProvider ? st->wholeProvider : st->provider) : nullptr;
 }
 
 } // extern "C"
 
 namespace fakecg {
 
-const uint8_t *storedBGRA(CGImageRef image, size_t *bytesPerRow)
+const uint8_t *storedBGRA(CGImageRef image, size_t *bytesPerRow, size_t *width, size_t *height)
 {
     ImageState *st = imageOf(image);
     if (!st || st->bitsPerPixel != 32 || st->bitmapInfo != kDecodedBitmapInfo || !st->drawPixels)
         return nullptr;
     *bytesPerRow = st->drawStride;
+    *width = st->pixelWidth;
+    *height = st->pixelHeight;
     return st->drawPixels;
 }
 
-bool copyBGRA(CGImageRef image, std::vector<uint8_t> &pixels)
+bool drawBGRA(CGImageRef image, size_t width, size_t height, Bitmap &out)
 {
-    ImageState *st = imageOf(image);
-    if (!st)
+    if (!imageOf(image))
         return false;
-    size_t stride = st->width * 4;
-    pixels.assign(stride * st->height, 0);
+    // Drawing composites over what is there: it starts transparent.
+    std::unique_ptr<uint8_t[]> pixels(new (std::nothrow) uint8_t[width * 4 * height]());
+    if (!pixels)
+        return false;
     CGColorSpaceRef space = CGColorSpaceCreateDeviceRGB();
-    CGContextRef context = CGBitmapContextCreate(pixels.data(), st->width, st->height, 8, stride, space,
+    CGContextRef context = CGBitmapContextCreate(pixels.get(), width, height, 8, width * 4, space,
         kCGBitmapByteOrder32Little | uint32_t(kCGImageAlphaPremultipliedFirst));
     CGColorSpaceRelease(space);
     if (!context)
         return false;
-    CGContextDrawImage(context, CGRectMake(0, 0, double(st->width), double(st->height)), image);
+    CGContextDrawImage(context, CGRectMake(0, 0, double(width), double(height)), image);
     CGContextRelease(context);
+    out = {std::move(pixels), width, height};
     return true;
+}
+
+bool copyBGRA(CGImageRef image, Bitmap &out)
+{
+    ImageState *st = imageOf(image);
+    if (!st)
+        return false;
+    if (!st->wholeProvider)
+        return drawBGRA(image, st->width, st->height, out);
+    return decodeWhole(*providerOf(reinterpret_cast<CGDataProviderRef>(st->wholeProvider)), out);
 }
 
 bool encodePNG(CGImageRef image, std::vector<uint8_t> &file)
 {
-    std::vector<uint8_t> pixels;
-    if (!copyBGRA(image, pixels))
+    Bitmap bitmap;
+    if (!copyBGRA(image, bitmap))
         return false;
-    for (size_t i = 0; i < pixels.size(); i += 4) {
+    uint8_t *pixels = bitmap.pixels.get();
+    for (size_t i = 0, n = bitmap.width * 4 * bitmap.height; i < n; i += 4) {
         unsigned a = pixels[i + 3];
         if (a == 0 || a == 255)
             continue;
@@ -516,16 +525,20 @@ bool encodePNG(CGImageRef image, std::vector<uint8_t> &file)
     }
     png_image png{};
     png.version = PNG_IMAGE_VERSION;
-    png.width = png_uint_32(CGImageGetWidth(image));
-    png.height = png_uint_32(CGImageGetHeight(image));
+    png.width = png_uint_32(bitmap.width);
+    png.height = png_uint_32(bitmap.height);
     png.format = PNG_FORMAT_BGRA;
-    png_alloc_size_t size = 0;
-    if (!png_image_write_get_memory_size(png, size, 0, pixels.data(), 0, nullptr))
+    try {
+        png_alloc_size_t size = 0;
+        if (!png_image_write_get_memory_size(png, size, 0, pixels, 0, nullptr))
+            return false;
+        file.resize(size);
+        if (!png_image_write_to_memory(&png, file.data(), &size, 0, pixels, 0, nullptr))
+            return false;
+        file.resize(size);
+    } catch (const std::bad_alloc &) {
         return false;
-    file.resize(size);
-    if (!png_image_write_to_memory(&png, file.data(), &size, 0, pixels.data(), 0, nullptr))
-        return false;
-    file.resize(size);
+    }
     return true;
 }
 

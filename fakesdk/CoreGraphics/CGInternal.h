@@ -2,6 +2,7 @@
 // view of an image that drawing needs.
 #pragma once
 
+#include "CGPrivate.h"
 #include "CoreFoundation/cfinternal.h"
 #include "objc/define.h"
 
@@ -9,6 +10,8 @@
 #include <pixman.h>
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <vector>
 
 namespace fakecg {
@@ -25,6 +28,32 @@ inline id instanceOf(const void *ref, Class cls)
     return nil;
 }
 
+// Pictures as ImageIO reads them (CGDecode.cpp).
+enum class PictureFormat { jpeg, png };
+
+struct PictureHeader {
+    PictureFormat format;
+    size_t width;
+    size_t height;
+    bool interlaced; // PNG
+};
+
+// How large a decoded bitmap may be: its pixel count and its longest side.
+struct DecodeLimit {
+    size_t pixels;
+    size_t side;
+};
+
+// The format and size a JPEG or PNG file states, read without decoding; nothing for other bytes
+// or a header the decoder refuses.
+std::optional<PictureHeader> readPictureHeader(const uint8_t *bytes, size_t size);
+
+// The picture whole, or reduced as little as it must be to fit the limit (a JPEG by one of the
+// decoder's scaling factors, a PNG by a whole factor). False when the bytes do not decode or the
+// memory cannot be had; never throws.
+bool decodePicture(const uint8_t *bytes, size_t size, const PictureHeader &header, const DecodeLimit &limit,
+    Bitmap &out);
+
 struct ColorSpaceState {
     size_t components = 0;
 };
@@ -35,24 +64,34 @@ struct DataProviderState {
     void *info = nullptr;
     CGDataProviderReleaseDataCallback releaseData = nullptr;
     id data = nil; // a CFData kept alive for CGDataProviderCreateWithCFData
+    // A reduced picture's provider has no bytes of its own: it decodes the encoded picture, held
+    // by this provider, whole when its data is asked for.
+    id encoded = nil;
+    PictureHeader header{};
 
     ~DataProviderState()
     {
         if (releaseData)
             releaseData(info, bytes, size);
         objc_release(data);
+        objc_release(encoded);
     }
 };
 
 struct ImageState {
+    // The picture's size. A picture decoded reduced keeps fewer pixels (pixelWidth x pixelHeight)
+    // and draws from them; its data provider decodes it whole when asked.
     size_t width = 0;
     size_t height = 0;
+    size_t pixelWidth = 0;
+    size_t pixelHeight = 0;
     size_t bitsPerComponent = 0;
     size_t bitsPerPixel = 0;
     size_t bytesPerRow = 0;
     CGBitmapInfo bitmapInfo = 0;
     bool interpolate = true;
     id provider = nil;
+    id wholeProvider = nil; // a reduced picture's: what CGImageGetDataProvider answers
     id colorSpace = nil;
     // What drawing reads: the provider's bytes, or a premultiplied 32-bit copy when pixman cannot
     // read the stored layout directly.
@@ -64,6 +103,7 @@ struct ImageState {
     ~ImageState()
     {
         objc_release(provider);
+        objc_release(wholeProvider);
         objc_release(colorSpace);
     }
 };

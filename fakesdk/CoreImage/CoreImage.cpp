@@ -12,6 +12,7 @@
 #include <ZXing/ReadBarcode.h>
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -202,58 +203,76 @@ void sortReadingOrder(std::vector<Found> &found)
     }
 }
 
-id makeFeature(const Found &f, double imageHeight)
+// f in the detector's input, mapped into the image's coordinates (the input may be a reduced
+// picture, sx and sy times smaller); Core Image's origin is at the bottom left of the image.
+id makeFeature(const Found &f, double sx, double sy, double imageHeight)
 {
     id feature = msg<id>(msg<id>(fakeobjc::cls("CIQRCodeFeature"), "alloc"), "init");
     FeatureState &st = gFeatureSlot.get(feature);
     st.type = CIFeatureTypeQRCode;
     st.message = fakecf::newString(f.text);
-    // Core Image's coordinates start at the bottom left of the image.
-    auto flip = [imageHeight](ZXing::PointI p) { return CGPointMake(p.x, imageHeight - p.y); };
+    auto flip = [=](ZXing::PointI p) { return CGPointMake(p.x * sx, imageHeight - p.y * sy); };
     st.topLeft = flip(f.position.topLeft());
     st.topRight = flip(f.position.topRight());
     st.bottomLeft = flip(f.position.bottomLeft());
     st.bottomRight = flip(f.position.bottomRight());
-    st.bounds = CGRectMake(f.minX, imageHeight - f.maxY, f.maxX - f.minX, f.maxY - f.minY);
+    st.bounds = CGRectMake(f.minX * sx, imageHeight - f.maxY * sy, (f.maxX - f.minX) * sx, (f.maxY - f.minY) * sy);
     return feature;
+}
+
+// The detector looks at a picture of at most 2048 x 2048 pixels' worth: a larger image is scaled
+// down first, as Core Image works on a reduced input for large images, so that detection costs
+// the same for any picture and its sizes stay far from zxing's 32-bit arithmetic.
+constexpr size_t kMaxDetectorPixels = size_t(2048) * 2048;
+
+std::vector<Found> findCodes(const uint8_t *bgra, size_t width, size_t height, size_t stride, bool highAccuracy)
+{
+    ZXing::DecodeHints hints;
+    hints.setFormats(ZXing::BarcodeFormat::QRCode);
+    hints.setTryHarder(highAccuracy);
+    hints.setTryRotate(true);
+    ZXing::ImageView view(bgra, int(width), int(height), ZXing::ImageFormat::BGRX, int(stride));
+    std::vector<Found> found;
+    for (const ZXing::Result &result : ZXing::ReadBarcodes(view, hints)) {
+        if (!result.isValid())
+            continue;
+        const ZXing::Position &p = result.position();
+        Found f{result.text(), p, p[0].x, p[0].y, p[0].x, p[0].y};
+        for (const ZXing::PointI &pt : p) {
+            f.minX = std::min(f.minX, pt.x);
+            f.minY = std::min(f.minY, pt.y);
+            f.maxX = std::max(f.maxX, pt.x);
+            f.maxY = std::max(f.maxY, pt.y);
+        }
+        found.push_back(std::move(f));
+    }
+    sortReadingOrder(found);
+    return found;
 }
 
 id featuresInImageOptions(id self, SEL, id image, id)
 {
     CGImageRef cg = msg<CGImageRef>(image, "CGImage");
-    std::vector<uint8_t> pixels;
+    size_t width = CGImageGetWidth(cg), height = CGImageGetHeight(cg);
     std::vector<id> features;
-    size_t stride = 0;
-    const uint8_t *bgra = fakecg::storedBGRA(cg, &stride);
-    if (!bgra && fakecg::copyBGRA(cg, pixels)) {
-        bgra = pixels.data();
-        stride = CGImageGetWidth(cg) * 4;
+    fakecg::Bitmap drawn;
+    size_t stride = 0, inWidth = 0, inHeight = 0;
+    const uint8_t *bgra = fakecg::storedBGRA(cg, &stride, &inWidth, &inHeight);
+    if ((!bgra || inWidth * inHeight > kMaxDetectorPixels) && width && height) {
+        double scale = std::min(1.0, std::sqrt(double(kMaxDetectorPixels) / (double(width) * double(height))));
+        size_t w = std::max<size_t>(1, size_t(double(width) * scale)), h = std::max<size_t>(1, size_t(double(height) * scale));
+        bgra = fakecg::drawBGRA(cg, w, h, drawn) ? drawn.pixels.get() : nullptr;
+        stride = w * 4, inWidth = w, inHeight = h;
     }
     if (bgra) {
-        int width = int(CGImageGetWidth(cg)), height = int(CGImageGetHeight(cg));
         DetectorState *st = gDetectorSlot.peek(self);
-        ZXing::DecodeHints hints;
-        hints.setFormats(ZXing::BarcodeFormat::QRCode);
-        hints.setTryHarder(st && st->highAccuracy);
-        hints.setTryRotate(true);
-        ZXing::ImageView view(bgra, width, height, ZXing::ImageFormat::BGRX, int(stride));
-        std::vector<Found> found;
-        for (const ZXing::Result &result : ZXing::ReadBarcodes(view, hints)) {
-            if (!result.isValid())
-                continue;
-            const ZXing::Position &p = result.position();
-            Found f{result.text(), p, p[0].x, p[0].y, p[0].x, p[0].y};
-            for (const ZXing::PointI &pt : p) {
-                f.minX = std::min(f.minX, pt.x);
-                f.minY = std::min(f.minY, pt.y);
-                f.maxX = std::max(f.maxX, pt.x);
-                f.maxY = std::max(f.maxY, pt.y);
-            }
-            found.push_back(std::move(f));
+        try {
+            double sx = double(width) / double(inWidth), sy = double(height) / double(inHeight);
+            for (const Found &f : findCodes(bgra, inWidth, inHeight, stride, st && st->highAccuracy))
+                features.push_back(makeFeature(f, sx, sy, double(height)));
+        } catch (const std::bad_alloc &) {
+            // No memory for the search: nothing found, as nothing would be on a device.
         }
-        sortReadingOrder(found);
-        for (const Found &f : found)
-            features.push_back(makeFeature(f, height));
     }
     id array = fakecf::newArray(features.data(), features.size());
     for (id feature : features)

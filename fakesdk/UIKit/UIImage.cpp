@@ -1,5 +1,6 @@
 // UIImage: an immutable bitmap (a CGImage kept for the image's life) with scale and orientation,
-// decoded eagerly from JPEG or PNG data, and the JPEG/PNG representation functions.
+// decoded eagerly from JPEG or PNG data (see CGImageCreateWithJPEGDataProvider for large
+// pictures), and the JPEG/PNG representation functions.
 #include "CoreFoundation/cfinternal.h"
 #include "CoreGraphics/CGPrivate.h"
 #include "objc/define.h"
@@ -152,19 +153,18 @@ id autoreleasedData(const uint8_t *bytes, size_t length)
 // Both return autoreleased NSData, or nil for a nil image or one without a bitmap.
 extern "C" __attribute__((visibility("default"))) id UIImageJPEGRepresentation(id image, CGFloat compressionQuality)
 {
-    CGImageRef cg = msg<CGImageRef>(image, "CGImage");
-    std::vector<uint8_t> pixels;
-    if (!fakecg::copyBGRA(cg, pixels))
+    fakecg::Bitmap bitmap;
+    if (!fakecg::copyBGRA(msg<CGImageRef>(image, "CGImage"), bitmap))
         return nil;
-    int width = int(CGImageGetWidth(cg)), height = int(CGImageGetHeight(cg));
     double quality = std::isnan(compressionQuality) ? 0 : std::clamp(compressionQuality, 0.0, 1.0);
     std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitCompress(), tjDestroy);
     if (!handle)
         return nil;
     unsigned char *jpeg = nullptr;
     unsigned long jpegSize = 0;
-    if (tjCompress2(handle.get(), pixels.data(), width, width * 4, height, TJPF_BGRA, &jpeg, &jpegSize, TJSAMP_420,
-            std::max(1, int(std::lround(quality * 100))), TJFLAG_ACCURATEDCT)
+    int width = int(bitmap.width), height = int(bitmap.height);
+    if (tjCompress2(handle.get(), bitmap.pixels.get(), width, width * 4, height, TJPF_BGRA, &jpeg, &jpegSize,
+            TJSAMP_420, std::max(1, int(std::lround(quality * 100))), TJFLAG_ACCURATEDCT)
         != 0) {
         tjFree(jpeg);
         return nil;

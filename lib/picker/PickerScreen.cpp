@@ -341,17 +341,30 @@ void requestFrame(id self, SEL)
     auto weakScreen = std::make_shared<Weak>(self);
     dispatch_async(dispatch_get_global_queue(QOS_CLASS_USER_INTERACTIVE, 0), ^{
         AutoreleasePool pool;
-        Strong<> jpeg = ZerlanFetchJPEG();
+        Strong<> jpeg;
         Strong<> image;
-        if (jpeg)
-            image = Strong<>::retain(send<id>(cls("UIImage"), sel<"imageWithData:">(), jpeg.get()));
+        // Nothing may escape into the app's process: a fetch or decode that raises (or runs out
+        // of memory) is a frame that did not come, and the result still goes back to the main
+        // queue, which clears fetchInFlight so that polling goes on.
+        try {
+            jpeg = ZerlanFetchJPEG();
+            if (jpeg)
+                image = Strong<>::retain(send<id>(cls("UIImage"), sel<"imageWithData:">(), jpeg.get()));
+        } catch (...) {
+            image = nullptr;
+        }
         if (!image)
             ZerlanLog(CFSTR("[ZerlanInject] image picker frame unavailable (%lu bytes)"),
                       jpeg ? send<unsigned long>(jpeg.get(), sel<"length">()) : 0UL);
         dispatch_async(dispatch_get_main_queue(), ^{
             AutoreleasePool mainPool;
-            if (Strong<> screen = weakScreen->load())
-                handleFrame(screen.get(), image.get());
+            if (Strong<> screen = weakScreen->load()) {
+                try {
+                    handleFrame(screen.get(), image.get());
+                } catch (...) {
+                    // The same on the main queue: fetchInFlight is already clear, polling goes on.
+                }
+            }
         });
     });
 }

@@ -1,6 +1,7 @@
 #include "transport/FetchJPEG.h"
 
 #include "objc/Frameworks.h"
+#include "transport/FrameLimit.h"
 #include "transport/FramePort.h"
 #include "transport/SocketOptions.h"
 
@@ -29,7 +30,6 @@ constexpr size_t kChunk = 32768;
 // would otherwise hold the caller (a photo capture on the app's main thread) without end, and one
 // that streams without end would grow the app without end. Past either, no frame.
 constexpr auto kDeadline = std::chrono::seconds(2);
-constexpr unsigned long kMaxBody = 32UL << 20;
 using Clock = std::chrono::steady_clock;
 const unsigned char kSeparator[4] = {'\r', '\n', '\r', '\n'};
 
@@ -87,7 +87,7 @@ Strong<> receiveAll(int fd, Clock::time_point deadline)
             return lastStretch && (errno == EAGAIN || errno == EWOULDBLOCK) ? nullptr : response;
         send<void>(response, sel<"appendBytes:length:">(), static_cast<const void *>(chunk), static_cast<unsigned long>(n));
         received += static_cast<unsigned long>(n);
-        if (received > kMaxBody) {
+        if (received > kMaxFrameBytes) {
             if (headerEnd == 0) {
                 auto *bytes = static_cast<const unsigned char *>(send<const void *>(response, sel<"bytes">()));
                 auto *end = bytes + received;
@@ -96,7 +96,7 @@ Strong<> receiveAll(int fd, Clock::time_point deadline)
                     return nullptr; // no header end within 32 MiB: no answer of ours
                 headerEnd = static_cast<unsigned long>(found - bytes) + sizeof kSeparator;
             }
-            if (received - headerEnd > kMaxBody)
+            if (received - headerEnd > kMaxFrameBytes)
                 return nullptr;
         }
     }

@@ -4,7 +4,7 @@
 // names another, see FramePort.h), sends one fixed "GET /frame" request and returns
 // every byte after the first blank line of an "HTTP/1.1 200" or "HTTP/1.0 200" answer, read
 // until the server closes (or stays silent for 1 s). The whole exchange has 2 s and the body
-// 32 MiB: past either there is no frame. Any failure is the same null result; it
+// 32 MiB (kMaxFrameBytes): past either there is no frame. Any failure is the same null result; it
 // never throws, never logs and keeps no state, so any thread may call it, several at once. It
 // blocks its caller for the whole exchange. The result is owned by the caller (+1).
 #pragma once

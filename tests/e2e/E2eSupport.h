@@ -11,9 +11,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -172,6 +174,55 @@ public:
 
 private:
     pid_t pid_ = -1;
+    fs::path log_;
+};
+
+// `zerlan serve --port 0` in step mode (every frame of a step is the same bytes), with more
+// options if given, its port read from its start line.
+class StepServer {
+public:
+    explicit StepServer(std::vector<std::string> options = {})
+    {
+        static std::atomic<int> made{0};
+        log_ = fs::temp_directory_path()
+            / ("zerlan-e2e-step-" + std::to_string(getpid()) + "-" + std::to_string(made++) + ".log");
+        std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", "0", "--step"};
+        argv.insert(argv.end(), options.begin(), options.end());
+        pid_ = spawnLogged(argv, log_);
+        std::regex listening("listening on http://127\\.0\\.0\\.1:([0-9]+)/");
+        waitFor(
+            [&] {
+                std::smatch m;
+                std::string text = log();
+                if (std::regex_search(text, m, listening))
+                    port_ = static_cast<uint16_t>(std::stoi(m[1]));
+                return port_ != 0 || pid_ <= 0;
+            },
+            10s);
+    }
+    ~StepServer()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            int status = 0;
+            waitpid(pid_, &status, 0);
+        }
+        fs::remove(log_);
+    }
+
+    uint16_t port() const { return port_; }
+    std::string log() const { return readFile(log_); }
+
+    HttpAnswer request(const std::string &method, const std::string &path, const std::string &body = {}) const
+    {
+        return http(port_, method, path, body);
+    }
+    nlohmann::json status() const { return nlohmann::json::parse(request("GET", "/status").body, nullptr, false); }
+    long served() const { return status().value("frames_served", -1L); }
+
+private:
+    pid_t pid_ = -1;
+    uint16_t port_ = 0;
     fs::path log_;
 };
 

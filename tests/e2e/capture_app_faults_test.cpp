@@ -7,56 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <regex>
 
 using namespace zerlan::e2e;
 
 namespace {
-
-// `zerlan serve --port 0` in step mode (every good frame is the same bytes), its port read
-// from its start line.
-class StepServer {
-public:
-    StepServer()
-    {
-        log_ = fs::temp_directory_path() / ("zerlan-e2e-faults-" + std::to_string(getpid()) + ".log");
-        pid_ = spawnLogged({buildDir() + "/bin/zerlan", "serve", "--port", "0", "--step"}, log_);
-        std::regex listening("listening on http://127\\.0\\.0\\.1:([0-9]+)/");
-        waitFor(
-            [&] {
-                std::smatch m;
-                std::string text = log();
-                if (std::regex_search(text, m, listening))
-                    port_ = static_cast<uint16_t>(std::stoi(m[1]));
-                return port_ != 0 || pid_ <= 0;
-            },
-            10s);
-    }
-    ~StepServer()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            int status = 0;
-            waitpid(pid_, &status, 0);
-        }
-        fs::remove(log_);
-    }
-
-    uint16_t port() const { return port_; }
-    std::string log() const { return readFile(log_); }
-
-    HttpAnswer request(const std::string &method, const std::string &path, const std::string &body = {}) const
-    {
-        return http(port_, method, path, body);
-    }
-    nlohmann::json status() const { return nlohmann::json::parse(request("GET", "/status").body, nullptr, false); }
-    long served() const { return status().value("frames_served", -1L); }
-
-private:
-    pid_t pid_ = -1;
-    uint16_t port_ = 0;
-    fs::path log_;
-};
 
 class CaptureAppFaults : public ::testing::TestWithParam<const char *> {
 protected:

@@ -10,12 +10,18 @@
 #include <fakesdk/objc_np.h>
 #include <objc/runtime.h>
 
+#include "Pictures.h"
+
 #include <gtest/gtest.h>
+#include <png.h>
 #include <qrencode.h>
+#include <sys/resource.h>
 #include <turbojpeg.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstddef>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <string>
@@ -641,12 +647,13 @@ TEST_F(Media, TimeArithmeticAndTheHostClock)
 
 // ---- QR detection
 
-// Draws a QR code of text with 6-pixel modules, its top-left corner (quiet zone included) at x, y.
-void drawQR(std::vector<uint8_t> &px, int w, const char *text, int x0, int y0)
+// Draws a QR code of text with module-pixel modules, its top-left corner (quiet zone included)
+// at x, y.
+void drawQR(std::vector<uint8_t> &px, int w, const char *text, int x0, int y0, int module = 6)
 {
     QRcode *code = QRcode_encodeString(text, 0, QR_ECLEVEL_M, QR_MODE_8, 1);
     ASSERT_NE(code, nullptr);
-    const int module = 6, quiet = 4;
+    const int quiet = 4;
     for (int y = 0; y < (code->width + 2 * quiet) * module; ++y)
         for (int x = 0; x < (code->width + 2 * quiet) * module; ++x) {
             int mx = x / module - quiet, my = y / module - quiet;
@@ -658,11 +665,9 @@ void drawQR(std::vector<uint8_t> &px, int w, const char *text, int x0, int y0)
     QRcode_free(code);
 }
 
-std::vector<std::string> detect(const std::vector<uint8_t> &px, int w, int h)
+// The features a high-accuracy QR detector finds in a UIImage (autoreleased).
+id featuresIn(id ui)
 {
-    CGImageRef cg = makeImage(px, w, h);
-    id ui = send(cls("UIImage"), "imageWithCGImage:", cg);
-    CGImageRelease(cg);
     id ciImage = send(send(cls("CIImage"), "alloc"), "initWithImage:", ui);
     const void *keys[] = {CIDetectorAccuracy};
     const void *values[] = {CIDetectorAccuracyHigh};
@@ -673,6 +678,15 @@ std::vector<std::string> detect(const std::vector<uint8_t> &px, int w, int h)
     CFRelease(options);
     id features = send(detector, "featuresInImage:", ciImage);
     objc_release(ciImage);
+    return features;
+}
+
+std::vector<std::string> detect(const std::vector<uint8_t> &px, int w, int h)
+{
+    CGImageRef cg = makeImage(px, w, h);
+    id ui = send(cls("UIImage"), "imageWithCGImage:", cg);
+    CGImageRelease(cg);
+    id features = featuresIn(ui);
     std::vector<std::string> texts;
     if (!features)
         return {"<nil array>"};
@@ -712,6 +726,181 @@ TEST_F(Media, DetectorFindsEveryQRCodeInReadingOrder)
     id bitmapless = class_createInstance(objc_getClass("UIImage"), 0);
     EXPECT_EQ(send(send(cls("CIImage"), "alloc"), "initWithImage:", bitmapless), nil);
     objc_release(bitmapless);
+}
+
+// ---- large pictures
+
+// A PNG of BGRA pixels, interlaced (Adam7) or not.
+std::vector<uint8_t> encodePNG(const std::vector<uint8_t> &px, int w, int h, bool interlaced)
+{
+    std::vector<uint8_t> file;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_set_write_fn(
+        png, &file,
+        [](png_structp p, png_bytep data, png_size_t n) {
+            auto *out = static_cast<std::vector<uint8_t> *>(png_get_io_ptr(p));
+            out->insert(out->end(), data, data + n);
+        },
+        nullptr);
+    png_set_compression_level(png, 1);
+    png_set_IHDR(png, info, png_uint_32(w), png_uint_32(h), 8, PNG_COLOR_TYPE_RGB_ALPHA,
+        interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_set_bgr(png);
+    png_write_info(png, info);
+    std::vector<png_bytep> rows(static_cast<size_t>(h));
+    for (int y = 0; y < h; ++y)
+        rows[size_t(y)] = const_cast<uint8_t *>(&px[size_t(y) * size_t(w) * 4]);
+    png_write_image(png, rows.data());
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+    return file;
+}
+
+std::vector<uint8_t> bytes(const std::string &file)
+{
+    return std::vector<uint8_t>(file.begin(), file.end());
+}
+
+std::vector<uint8_t> claimingJPEG(int w, int h)
+{
+    auto small = encodeJPEG(paint(16, 16, [](int, int) { return Color{90, 90, 90}; }), 16, 16, 90);
+    return bytes(zerlan::testing::claimSize(std::string(small.begin(), small.end()), w, h));
+}
+
+std::vector<uint8_t> blackPNG(int w, int h)
+{
+    return bytes(zerlan::testing::blackPng(uint32_t(w), uint32_t(h)));
+}
+
+// The quadrants, with a one-pixel dark line down the white one: detail that only the whole
+// picture keeps.
+constexpr int kLineX = 2001;
+Color quadrantsWithLine(int x, int y, int w, int h)
+{
+    return x == kLineX && y >= h / 2 ? Color{20, 20, 20} : quadrantAt(x, y, w, h);
+}
+
+TEST_F(Media, ALargePictureKeepsItsSizeDrawsFromFewerPixelsAndDecodesWholeWhenAsked)
+{
+    const int w = 2400, h = 1800; // more than the 2048 x 2048 pixels' worth a picture keeps
+    auto px = paint(w, h, [&](int x, int y) { return quadrantsWithLine(x, y, w, h); });
+    struct Case {
+        const char *name;
+        std::vector<uint8_t> file;
+    };
+    const Case cases[] = {{"JPEG", encodeJPEG(px, w, h, 95)}, {"PNG", encodePNG(px, w, h, false)},
+        {"interlaced PNG", encodePNG(px, w, h, true)}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        id ui = send(cls("UIImage"), "imageWithData:", nsData(c.file));
+        ASSERT_NE(ui, nil);
+        CGSize size = send<CGSize>(ui, "size");
+        EXPECT_EQ(size.width, w);
+        EXPECT_EQ(size.height, h);
+        CGImageRef cg = send<CGImageRef>(ui, "CGImage");
+        EXPECT_EQ(CGImageGetWidth(cg), size_t(w));
+        EXPECT_EQ(CGImageGetBytesPerRow(cg), size_t(w) * 4);
+
+        // As a sample buffer is drawn: the whole picture into 640 x 480.
+        PixelBufferContext target(640, 480, {0, 0, 0});
+        CGContextDrawImage(target.context, CGRectMake(0, 0, 640, 480), cg);
+        for (int q = 0; q < 4; ++q)
+            EXPECT_TRUE(near(target.at(160 + 320 * (q % 2), 120 + 240 * (q / 2)), kQuadrants[q], 12)) << "quadrant " << q;
+
+        // Its data, as its representations, is the whole picture, line included.
+        CFDataRef data = CGDataProviderCopyData(CGImageGetDataProvider(cg));
+        ASSERT_NE(data, nullptr);
+        EXPECT_EQ(size_t(CFDataGetLength(data)), size_t(w) * 4 * h);
+        CFRelease(data);
+        EXPECT_TRUE(near(pixelOf(cg, kLineX, 1500), {20, 20, 20}, 40));
+        EXPECT_TRUE(near(pixelOf(cg, kLineX + 3, 1500), kQuadrants[3], 20));
+        id again = send(cls("UIImage"), "imageWithData:", UIImageJPEGRepresentation(ui, 0.95));
+        EXPECT_EQ(send<CGSize>(again, "size").width, w);
+    }
+}
+
+TEST_F(Media, APictureDecodesReducedUpToOneGibibyteAndIsNoImageBeyond)
+{
+    // 16384 x 16384 x 4 bytes is exactly 1 GiB: decoded, reduced to 2048 x 2048 (16 MiB). A PNG
+    // that size takes seconds to decode; one of 8000 x 8000 (256 MiB whole) shows its memory.
+    for (auto [file, side] : {std::pair{claimingJPEG(16384, 16384), 16384}, {blackPNG(8000, 8000), 8000}}) {
+        zerlan::testing::resetPeakResident();
+        size_t before = zerlan::testing::peakResidentBytes();
+        id large = send(cls("UIImage"), "imageWithData:", nsData(file));
+        ASSERT_NE(large, nil);
+        EXPECT_EQ(send<CGSize>(large, "size").width, side);
+        EXPECT_LT(zerlan::testing::peakResidentBytes() - before, size_t(128) << 20)
+            << "decoding took memory for more than reduced pixels";
+    }
+    for (auto *make : {claimingJPEG, blackPNG})
+        EXPECT_EQ(send(cls("UIImage"), "imageWithData:", nsData(make(16384, 16385))), nil);
+    for (auto [w, h] : {std::pair{30000, 30000}, {65500, 65500}}) {
+        EXPECT_EQ(send(cls("UIImage"), "imageWithData:", nsData(claimingJPEG(w, h))), nil) << w << "x" << h;
+        EXPECT_EQ(decodeJPEG(claimingJPEG(w, h)), nullptr) << w << "x" << h;
+    }
+}
+
+TEST_F(Media, DetectionLooksAtAReducedPictureAndReportsWhereTheCodeIsInTheWholeOne)
+{
+    const int w = 3000, h = 2000, module = 12, at = 1200;
+    auto px = blank(w, h);
+    drawQR(px, w, "large", at, 600, module);
+    CGImageRef made = makeImage(px, w, h);
+    id fromData = send(cls("UIImage"), "imageWithData:", nsData(encodeJPEG(px, w, h, 95)));
+    id drawn = send(cls("UIImage"), "imageWithCGImage:", made);
+    CGImageRelease(made);
+    for (id ui : {fromData, drawn}) {
+        id features = featuresIn(ui);
+        ASSERT_EQ(CFArrayGetCount(reinterpret_cast<CFArrayRef>(features)), 1);
+        id feature = asId(CFArrayGetValueAtIndex(reinterpret_cast<CFArrayRef>(features), 0));
+        EXPECT_EQ(utf8(send(feature, "messageString")), "large");
+        // The code's own corners lie one quiet zone (4 modules) inside what was drawn; Core
+        // Image's y runs upwards from the bottom.
+        CGRect bounds = send<CGRect>(feature, "bounds");
+        const double side = 21 * module, left = at + 4 * module, bottom = h - (600 + 4 * module + side);
+        EXPECT_NEAR(bounds.origin.x, left, 2 * module);
+        EXPECT_NEAR(bounds.origin.y, bottom, 2 * module);
+        EXPECT_NEAR(bounds.size.width, side, 2 * module);
+    }
+}
+
+TEST(MediaDeathTest, WhenMemoryCannotBeHadAPictureIsNoImageAndNothingIsThrown)
+{
+    if (zerlan::testing::kSanitized)
+        GTEST_SKIP() << "a sanitizer's allocator reports running out of memory instead of failing the allocation";
+    auto small = encodeJPEG(paint(64, 48, [](int x, int y) { return quadrantAt(x, y, 64, 48); }), 64, 48, 90);
+    auto large = claimingJPEG(8000, 8000); // its reduced pixels take 16 MiB
+    EXPECT_EXIT(
+        {
+            void *pool = objc_autoreleasePoolPush();
+            // Made before the limit: a 16 MiB context, and 24-bit pixels that drawing would
+            // convert into 16 MiB more.
+            PixelBufferContext big(2048, 2048, {0, 0, 0});
+            std::vector<uint8_t> rgb(size_t(2048) * 2048 * 3);
+            CFDataRef rgbData = CFDataCreate(nullptr, rgb.data(), CFIndex(rgb.size()));
+            CGDataProviderRef rgbProvider = CGDataProviderCreateWithCFData(rgbData);
+            CGColorSpaceRef space = CGColorSpaceCreateDeviceRGB();
+            std::ifstream statm("/proc/self/statm");
+            size_t pages = 0;
+            statm >> pages;
+            rlimit limit{};
+            limit.rlim_cur = limit.rlim_max = pages * size_t(sysconf(_SC_PAGESIZE)) + (size_t(8) << 20);
+            setrlimit(RLIMIT_AS, &limit);
+            try {
+                bool largeFails = send(cls("UIImage"), "imageWithData:", nsData(large)) == nil;
+                bool smallDecodes = send(cls("UIImage"), "imageWithData:", nsData(small)) != nil;
+                bool noSnapshot = CGBitmapContextCreateImage(big.context) == nullptr;
+                bool noConversion = CGImageCreate(2048, 2048, 8, 24, 2048 * 3, space, kCGImageAlphaNone, rgbProvider,
+                                        nullptr, true, kCGRenderingIntentDefault)
+                    == nullptr;
+                objc_autoreleasePoolPop(pool);
+                std::_Exit(largeFails && smallDecodes && noSnapshot && noConversion ? 0 : 1);
+            } catch (...) {
+                std::_Exit(2);
+            }
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 // ---- layers

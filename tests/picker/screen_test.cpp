@@ -3,8 +3,11 @@
 // automated capture.
 #include "PickerTestSupport.h"
 
+#include <objc/objc-exception.h>
+
 #include <algorithm>
 #include <map>
+#include <new>
 #include <set>
 
 using namespace picker_test;
@@ -285,6 +288,36 @@ TEST_F(PickerScreen, PollingKeepsOneFetchOutAndAScreenThatIsGoneDropsItsResult)
     drainMainQueue();
     runMainUntil(0.3, [] { return false; });
     EXPECT_EQ(fetches, port.count()) << "a screen that is gone polls no more";
+}
+
+// The platform's decoder raising inside the screen's fetch, or running out of memory there, is a
+// frame that did not come: nothing reaches the app, and the screen goes on polling.
+id gRaiseKind;
+
+id raisingImageWithData(id, SEL, id)
+{
+    if (!gRaiseKind)
+        throw std::bad_alloc();
+    objc_exception_throw(send<id>(cls("NSException"), sel<"exceptionWithName:reason:userInfo:">(), gRaiseKind,
+                                  string("the decoder raised"), static_cast<id>(nil)));
+}
+
+TEST_F(PickerScreen, ARaiseInsideTheFetchIsAFrameThatDidNotCome)
+{
+    serve();
+    Method decode = class_getClassMethod(objc_getClass("UIImage"), sel<"imageWithData:">());
+    for (id kind : {static_cast<id>(nil), string("NSInternalInconsistencyException")}) {
+        SCOPED_TRACE(kind ? "NSException" : "std::bad_alloc");
+        gRaiseKind = kind;
+        IMP original = method_setImplementation(decode, imp(raisingImageWithData));
+        id screen = show();
+        bool waited = waitForStatus(screen, "Waiting for Zerlan camera feed…");
+        method_setImplementation(decode, original);
+        ASSERT_TRUE(waited);
+        EXPECT_FALSE(captureEnabled(screen));
+        ASSERT_TRUE(waitForStatus(screen, "Tap to capture")) << "polling went on";
+        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
+    }
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@ struct ProcessResult {
     int status = -1; // exit code, or -1 when it did not exit normally
     std::string out;
     std::string err;
+    long maxResidentKb = 0; // the most it ever had resident
 };
 
 // The build directory, as ctest passes it to every test.
@@ -98,8 +100,10 @@ inline ProcessResult runProcess(const std::vector<std::string> &argv, const std:
         }
     }
     int status = 0;
-    waitpid(pid, &status, 0);
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.maxResidentKb = usage.ru_maxrss;
     return result;
 }
 
