@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "server/platform.h"
+#include "transport/FetchJPEG.h"
 
 namespace zerlan::cli {
 
@@ -21,11 +22,7 @@ std::optional<HttpAnswer> loopbackRequest(uint16_t port, const std::string& meth
   timeval limit{static_cast<decltype(timeval::tv_sec)>(timeout.count()), 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+  if (!transport::connectLoopback(fd, transport::loopbackEndpoint(port))) {
     close(fd);
     return std::nullopt;
   }

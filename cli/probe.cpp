@@ -55,7 +55,7 @@ bool somethingListens(int port) {
   int fd = platform::openSocket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) return false;
   sockaddr_in addr = transport::loopbackEndpoint(static_cast<uint16_t>(port));
-  bool listening = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  bool listening = transport::connectLoopback(fd, addr);
   close(fd);
   return listening;
 }

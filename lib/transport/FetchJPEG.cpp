@@ -154,6 +154,22 @@ sockaddr_in loopbackEndpoint(uint16_t port)
     return address;
 }
 
+bool connectLoopback(int fd, const sockaddr_in &endpoint)
+{
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&endpoint), sizeof endpoint) != 0)
+        return false;
+    sockaddr_in self;
+    socklen_t length = sizeof self;
+    if (::getsockname(fd, reinterpret_cast<sockaddr *>(&self), &length) != 0)
+        return false;
+    if (self.sin_port != endpoint.sin_port || self.sin_addr.s_addr != endpoint.sin_addr.s_addr)
+        return true;
+    // Closed with a reset rather than a FIN, so that no TIME_WAIT keeps the port.
+    linger reset{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    return false;
+}
+
 Strong<> fetchJPEG(const sockaddr_in &endpoint)
 {
     const auto deadline = Clock::now() + kDeadline;
@@ -166,7 +182,7 @@ Strong<> fetchJPEG(const sockaddr_in &endpoint)
         setsockopt(socket.fd(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
         setsockopt(socket.fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         preventSigPipe(socket.fd());
-        if (::connect(socket.fd(), reinterpret_cast<const sockaddr *>(&endpoint), sizeof endpoint) != 0)
+        if (!connectLoopback(socket.fd(), endpoint))
             return nullptr;
         if (!sendRequest(socket.fd()))
             return nullptr;

@@ -26,4 +26,11 @@ zerlan::objc::Strong<> fetchJPEG(const sockaddr_in &endpoint);
 // 127.0.0.1 at the given port.
 sockaddr_in loopbackEndpoint(uint16_t port);
 
+// connect(2) of the unconnected TCP socket `fd` to `endpoint`, true once connected to something
+// else. A connection to a port of the system's ephemeral range (47654 is one on Linux) where
+// nothing listens may be given that very port as its own and connect to itself; it would then
+// hold the port that a starting server is about to bind. Such a connection is reset, leaving
+// nothing behind, and counts as refused. The caller closes `fd` either way.
+bool connectLoopback(int fd, const sockaddr_in &endpoint);
+
 } // namespace zerlan::transport
