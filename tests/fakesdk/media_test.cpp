@@ -596,10 +596,6 @@ TEST_F(Media, TimeArithmeticAndTheHostClock)
     static_assert(sizeof(CMTime) == 24 && alignof(CMTime) == 4 && offsetof(CMTime, epoch) == 16);
     static_assert(sizeof(CMSampleTimingInfo) == 72 && offsetof(CMSampleTimingInfo, presentationTimeStamp) == 24);
     EXPECT_EQ(kCMTimeZero.timescale, 1);
-    EXPECT_EQ(kCMTimePositiveInfinity.flags, 5u);
-    EXPECT_EQ(kCMTimeNegativeInfinity.flags, 9u);
-    EXPECT_EQ(kCMTimeIndefinite.flags, 17u);
-    EXPECT_EQ(kCMTimeInvalid.flags, 0u);
 
     CMTime half = CMTimeAdd(CMTimeMake(1, 3), CMTimeMake(1, 6));
     EXPECT_EQ(half.value, 3);
@@ -909,7 +905,6 @@ TEST_F(Media, LayerRecordsContentsAndKeepsItsTree)
 {
     id layer = objc_retain(send(cls("CALayer"), "layer"));
     EXPECT_TRUE(send<bool>(send(layer, "contentsGravity"), "isEqual:", kCAGravityResize));
-    EXPECT_EQ(utf8(kCAGravityResizeAspectFill), "resizeAspectFill");
     EXPECT_EQ(CALayerContentsSetCount_np(layer), 0);
 
     CGImageRef image = makeImage(blank(8, 8), 8, 8);
