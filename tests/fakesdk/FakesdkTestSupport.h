@@ -7,6 +7,8 @@
 #include <fakesdk/dispatch_np.h>
 #include <objc/runtime.h>
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -36,6 +38,8 @@ R send(id receiver, const char *name, A... args)
         receiver, s, args...);
 }
 
+// A CF or dispatch object as the runtime object it is.
+inline id asId(const void *ref) { return reinterpret_cast<id>(const_cast<void *>(ref)); }
 inline id cls(const char *name) { return reinterpret_cast<id>(objc_getClass(name)); }
 inline id str(const char *text) { return send(cls("NSString"), "stringWithUTF8String:", text); }
 inline std::string text(id s) { return s ? send<const char *>(s, "UTF8String") : "<nil>"; }
@@ -56,6 +60,14 @@ std::pair<std::string, std::string> raised(F f)
     }
     return {};
 }
+
+// Each test's autoreleased objects go with its own pool.
+class PooledTest : public ::testing::Test {
+protected:
+    void SetUp() override { pool_ = objc_autoreleasePoolPush(); }
+    void TearDown() override { objc_autoreleasePoolPop(pool_); }
+    void *pool_ = nullptr;
+};
 
 inline bool waitFor(double seconds, bool (^condition)(void)) { return CFRunLoopRunUntil_np(seconds, condition); }
 

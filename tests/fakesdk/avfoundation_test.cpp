@@ -105,13 +105,12 @@ Class delegateClass()
     return c;
 }
 
-class AVFoundationTest : public ::testing::Test {
+class AVFoundationTest : public PooledTest {
 protected:
-    void SetUp() override { pool_ = objc_autoreleasePoolPush(); }
     void TearDown() override
     {
         AVCaptureDeviceUnregisterAll_np();
-        objc_autoreleasePoolPop(pool_);
+        PooledTest::TearDown();
     }
     id registerBackCamera(bool flags = true)
     {
@@ -130,7 +129,6 @@ protected:
         }
         return session;
     }
-    void *pool_ = nullptr;
 };
 
 // ---- the camera-less Simulator

@@ -39,11 +39,6 @@ using Clock = std::chrono::steady_clock;
 
 using namespace fakesdk_test;
 
-id asId(dispatch_object_t object)
-{
-    return reinterpret_cast<id>(object);
-}
-
 dispatch_time_t after(double seconds)
 {
     return dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(seconds * NSEC_PER_SEC));
@@ -67,18 +62,18 @@ struct Tracker {
 };
 std::atomic<int> Tracker::live{0};
 
-class DispatchTest : public ::testing::Test {
+class DispatchTest : public PooledTest {
 protected:
     void SetUp() override
     {
-        pool_ = objc_autoreleasePoolPush();
+        PooledTest::SetUp();
         trackersBefore_ = Tracker::live.load();
     }
     void TearDown() override
     {
         // Nothing a test submitted may be left on the main queue for the next one.
         CFRunLoopRunInMode(kCFRunLoopDefaultMode, 0, false);
-        objc_autoreleasePoolPop(pool_);
+        PooledTest::TearDown();
     }
     // Runs the main run loop until every tracked block copy is gone.
     bool trackersReleased(double seconds = 5)
@@ -87,7 +82,6 @@ protected:
         return CFRunLoopRunUntil_np(seconds, ^{ return Tracker::live.load() == baseline; });
     }
 
-    void *pool_ = nullptr;
     int trackersBefore_ = 0;
 };
 

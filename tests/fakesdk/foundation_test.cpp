@@ -49,26 +49,19 @@ id sendFormat(id receiver, const char *name, id format, A... args)
     return imp(receiver, s, format, args...);
 }
 
-id newObject() { return send(cls("NSObject"), "new"); }
-
 template <typename... A>
 std::string format(const char *f, A... args)
 {
     return text(sendFormat(cls("NSString"), "stringWithFormat:", str(f), args...));
 }
 
-class FoundationTest : public ::testing::Test {
-protected:
-    void SetUp() override { pool_ = objc_autoreleasePoolPush(); }
-    void TearDown() override { objc_autoreleasePoolPop(pool_); }
-    void *pool_ = nullptr;
-};
+using FoundationTest = PooledTest;
 
 // ---- ownership
 
 TEST_F(FoundationTest, CollectionsRetainWhatTheyStoreAndReleaseOnRemovalAndDealloc)
 {
-    id item = newObject();
+    id item = make("NSObject");
     objc_trackRetains_np(item);
     id array = send(cls("NSMutableArray"), "new");
     send<void>(array, "addObject:", item);
@@ -88,7 +81,7 @@ TEST_F(FoundationTest, CollectionsRetainWhatTheyStoreAndReleaseOnRemovalAndDeall
     id storedKey = send(send(dict, "allKeys"), "firstObject");
     EXPECT_NE(storedKey, key) << "a mutable key is copied";
     EXPECT_EQ(objc_retainCount_np(key), 1);
-    send<void>(dict, "setObject:forKey:", newObject(), str("k")); // replaces: item released
+    send<void>(dict, "setObject:forKey:", make("NSObject"), str("k")); // replaces: item released
     EXPECT_EQ(objc_retainCount_np(item), 1);
     objc_release(send(dict, "objectForKey:", str("k"))); // drop new's own +1: the dictionary holds it
 
@@ -106,7 +99,7 @@ TEST_F(FoundationTest, CollectionsRetainWhatTheyStoreAndReleaseOnRemovalAndDeall
 
 TEST_F(FoundationTest, ConvenienceConstructorsAreAutoreleasedAndInitResultsOwned)
 {
-    id item = newObject();
+    id item = make("NSObject");
     id weakConvenience = nil, weakOwned = nil;
     void *inner = objc_autoreleasePoolPush();
     objc_initWeak(&weakConvenience, send(cls("NSArray"), "arrayWithObject:", item));
@@ -128,7 +121,7 @@ TEST_F(FoundationTest, ConvenienceConstructorsAreAutoreleasedAndInitResultsOwned
 
 TEST_F(FoundationTest, CFFunctionsWorkOnTheSameObjects)
 {
-    id item = newObject();
+    id item = make("NSObject");
     const void *values[] = {item, str("two")};
     CFArrayRef array = CFArrayCreate(kCFAllocatorDefault, values, 2, &kCFTypeArrayCallBacks);
     EXPECT_EQ(CFArrayGetCount(array), 2);
@@ -424,7 +417,7 @@ TEST_F(FoundationTest, NSLogWritesApplesLineFormat)
 TEST_F(FoundationTest, WeakHashTableForgetsDeadObjects)
 {
     id table = send(cls("NSHashTable"), "weakObjectsHashTable");
-    id kept = newObject(), dying = newObject();
+    id kept = make("NSObject"), dying = make("NSObject");
     send<void>(table, "addObject:", kept);
     send<void>(table, "addObject:", dying);
     send<void>(table, "addObject:", kept);

@@ -39,20 +39,6 @@ namespace {
 
 using namespace fakesdk_test;
 
-id asId(const void *ref)
-{
-    return reinterpret_cast<id>(const_cast<void *>(ref));
-}
-
-std::string utf8(id string)
-{
-    char buffer[512] = {};
-    return string
-            && CFStringGetCString(reinterpret_cast<CFStringRef>(string), buffer, sizeof buffer, kCFStringEncodingUTF8)
-        ? buffer
-        : "";
-}
-
 constexpr uint32_t kBGRA = kCGBitmapByteOrder32Little | uint32_t(kCGImageAlphaPremultipliedFirst);
 
 struct Color {
@@ -131,12 +117,7 @@ Color pixelOf(CGImageRef image, int x, int y)
                                          << expected.r << "," << expected.g << "," << expected.b << ")";
 }
 
-class Media : public ::testing::Test {
-protected:
-    void SetUp() override { pool_ = objc_autoreleasePoolPush(); }
-    void TearDown() override { objc_autoreleasePoolPop(pool_); }
-    void *pool_ = nullptr;
-};
+using Media = PooledTest;
 
 // ---- decoding and encoding
 
@@ -690,7 +671,7 @@ std::vector<std::string> detect(const std::vector<uint8_t> &px, int w, int h)
         id feature = asId(CFArrayGetValueAtIndex(reinterpret_cast<CFArrayRef>(features), i));
         EXPECT_TRUE(send<bool>(send(feature, "type"), "isEqual:", CIFeatureTypeQRCode));
         EXPECT_GT(send<CGRect>(feature, "bounds").size.width, 100);
-        texts.push_back(utf8(send(feature, "messageString")));
+        texts.push_back(text(send(feature, "messageString")));
     }
     return texts;
 }
@@ -850,7 +831,7 @@ TEST_F(Media, DetectionLooksAtAReducedPictureAndReportsWhereTheCodeIsInTheWholeO
         id features = featuresIn(ui);
         ASSERT_EQ(CFArrayGetCount(reinterpret_cast<CFArrayRef>(features)), 1);
         id feature = asId(CFArrayGetValueAtIndex(reinterpret_cast<CFArrayRef>(features), 0));
-        EXPECT_EQ(utf8(send(feature, "messageString")), "large");
+        EXPECT_EQ(text(send(feature, "messageString")), "large");
         // The code's own corners lie one quiet zone (4 modules) inside what was drawn; Core
         // Image's y runs upwards from the bottom.
         CGRect bounds = send<CGRect>(feature, "bounds");
@@ -917,7 +898,7 @@ TEST_F(Media, LayerRecordsContentsAndKeepsItsTree)
     objc_autoreleasePoolPop(pool);
     EXPECT_EQ(CALayerContentsSetCount_np(layer), 1);
     EXPECT_TRUE(CALayerContentsLastSetOnMainThread_np(layer));
-    EXPECT_EQ(utf8(send(layer, "contentsGravity")), "resizeAspectFill");
+    EXPECT_EQ(text(send(layer, "contentsGravity")), "resizeAspectFill");
 
     std::thread([&] { send<void>(layer, "setContents:", contents); }).join();
     EXPECT_EQ(CALayerContentsSetCount_np(layer), 2);

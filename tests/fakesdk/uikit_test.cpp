@@ -86,11 +86,11 @@ Class targetClass()
     });
 }
 
-class UIKitTest : public ::testing::Test {
+class UIKitTest : public PooledTest {
 protected:
     void SetUp() override
     {
-        pool_ = objc_autoreleasePoolPush();
+        PooledTest::SetUp();
         gEvents.clear();
         gActions = 0;
         gSender = nil;
@@ -98,7 +98,7 @@ protected:
     void TearDown() override
     {
         UIApplicationResetWindows_np();
-        objc_autoreleasePoolPop(pool_);
+        PooledTest::TearDown();
     }
     id controller(const char *title)
     {
@@ -106,7 +106,6 @@ protected:
         send<void>(c, "setTitle:", str(title));
         return c;
     }
-    void *pool_ = nullptr;
 };
 
 // ---- UIImagePickerController
