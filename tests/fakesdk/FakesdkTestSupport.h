@@ -50,8 +50,9 @@ inline id at(id array, unsigned long i) { return send(array, "objectAtIndex:", i
 inline id make(const char *className) { return send(send(cls(className), "alloc"), "init"); }
 
 // The name and reason of the NSException that f raises ("" if none).
+using Raised = std::pair<std::string, std::string>;
 template <typename F>
-std::pair<std::string, std::string> raised(F f)
+Raised raised(F f)
 {
     try {
         f();

@@ -196,13 +196,11 @@ TEST_F(AVFoundationTest, SessionRefusesUnusableInputsAndRaisesWithApplesReasons)
     };
     for (const Case &c : cases) {
         EXPECT_FALSE(send<bool>(session, "canAddInput:", c.input)) << c.reason;
-        auto [name, reason] = raised([&] { send<void>(session, "addInput:", c.input); });
-        EXPECT_EQ(name, "NSInvalidArgumentException");
-        EXPECT_EQ(reason, c.reason);
+        EXPECT_EQ(raised([&] { send<void>(session, "addInput:", c.input); }), Raised("NSInvalidArgumentException", c.reason));
     }
     EXPECT_EQ(count(send(session, "inputs")), 0u);
-    auto [name, reason] = raised([&] { send<void>(session, "addOutput:", id(nil)); });
-    EXPECT_EQ(reason, "*** -[AVCaptureSession addOutput:] Can't add a nil AVCaptureOutput");
+    EXPECT_EQ(raised([&] { send<void>(session, "addOutput:", id(nil)); }),
+              Raised("NSInvalidArgumentException", "*** -[AVCaptureSession addOutput:] Can't add a nil AVCaptureOutput"));
     objc_release(bareInput);
     objc_release(other);
     objc_release(session);
@@ -228,17 +226,15 @@ TEST_F(AVFoundationTest, SessionWithoutInputsRunsAndItsOutputsStayUnconnected)
 
     id settings = send(cls("AVCapturePhotoSettings"), "photoSettings");
     id delegate = send(reinterpret_cast<id>(delegateClass()), "new");
-    auto [name, reason] = raised([&] { send<void>(photo, "capturePhotoWithSettings:delegate:", settings, delegate); });
-    EXPECT_EQ(name, "NSInvalidArgumentException");
-    EXPECT_EQ(reason, "*** -[AVCapturePhotoOutput capturePhotoWithSettings:delegate:] No active and enabled video "
-                      "connection");
+    EXPECT_EQ(raised([&] { send<void>(photo, "capturePhotoWithSettings:delegate:", settings, delegate); }),
+              Raised("NSInvalidArgumentException",
+                     "*** -[AVCapturePhotoOutput capturePhotoWithSettings:delegate:] No active and enabled video connection"));
 
     EXPECT_EQ(count(send(metadata, "availableMetadataObjectTypes")), 0u);
     id qr = send(cls("NSArray"), "arrayWithObject:", AVMetadataObjectTypeQRCode);
-    auto [mname, mreason] = raised([&] { send<void>(metadata, "setMetadataObjectTypes:", qr); });
-    EXPECT_EQ(mname, "NSInvalidArgumentException");
-    EXPECT_EQ(mreason, "*** -[AVCaptureMetadataOutput setMetadataObjectTypes:] Unsupported type found - use "
-                       "-availableMetadataObjectTypes");
+    EXPECT_EQ(raised([&] { send<void>(metadata, "setMetadataObjectTypes:", qr); }),
+              Raised("NSInvalidArgumentException", "*** -[AVCaptureMetadataOutput setMetadataObjectTypes:] Unsupported "
+                                                   "type found - use -availableMetadataObjectTypes"));
     EXPECT_EQ(raised([&] { send<void>(metadata, "setMetadataObjectTypes:", id(nil)); }).first, "");
     EXPECT_EQ(count(send(metadata, "metadataObjectTypes")), 0u);
 

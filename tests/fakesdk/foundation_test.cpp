@@ -188,8 +188,7 @@ TEST_F(FoundationTest, UTF8IsValidatedStrictly)
         objc_release(viaData);
     }
     EXPECT_EQ(raised([] { send(cls("NSString"), "stringWithUTF8String:", (const char *)nullptr); }),
-              std::make_pair(std::string("NSInvalidArgumentException"),
-                             std::string("*** +[NSString stringWithUTF8String:]: NULL cString")))
+              Raised("NSInvalidArgumentException", "*** +[NSString stringWithUTF8String:]: NULL cString"))
         << "Apple raises for NULL; only invalid bytes give nil";
     EXPECT_EQ(CFStringCreateWithCString(nullptr, "\xFF", kCFStringEncodingUTF8), nullptr);
 }
@@ -310,15 +309,13 @@ TEST_F(FoundationTest, MisuseRaisesApplesExceptions)
 {
     const id two[] = {num(1), num(2)};
     id pair = send(cls("NSArray"), "arrayWithObjects:count:", two, 2ul);
-    auto r = raised([&] { send(pair, "objectAtIndex:", 3ul); });
-    EXPECT_EQ(r.first, "NSRangeException");
-    EXPECT_EQ(r.second, "*** -[__NSArrayI objectAtIndex:]: index 3 beyond bounds [0 .. 1]");
+    EXPECT_EQ(raised([&] { send(pair, "objectAtIndex:", 3ul); }),
+              Raised("NSRangeException", "*** -[__NSArrayI objectAtIndex:]: index 3 beyond bounds [0 .. 1]"));
     id mutableArray = send(cls("NSMutableArray"), "array");
-    r = raised([&] { send<void>(mutableArray, "addObject:", (id) nil); });
-    EXPECT_EQ(r.first, "NSInvalidArgumentException");
-    EXPECT_EQ(r.second, "*** -[__NSArrayM insertObject:atIndex:]: object cannot be nil");
-    r = raised([&] { send<void>(mutableArray, "removeObjectAtIndex:", 0ul); });
-    EXPECT_EQ(r.second, "*** -[__NSArrayM removeObjectAtIndex:]: index 0 beyond bounds for empty array");
+    EXPECT_EQ(raised([&] { send<void>(mutableArray, "addObject:", (id) nil); }),
+              Raised("NSInvalidArgumentException", "*** -[__NSArrayM insertObject:atIndex:]: object cannot be nil"));
+    EXPECT_EQ(raised([&] { send<void>(mutableArray, "removeObjectAtIndex:", 0ul); }),
+              Raised("NSRangeException", "*** -[__NSArrayM removeObjectAtIndex:]: index 0 beyond bounds for empty array"));
     EXPECT_FALSE(class_respondsToSelector(object_getClass(pair), sel_registerName("addObject:")))
         << "immutable arrays have no mutators";
     const id withNil[] = {num(1), nil};
@@ -331,14 +328,13 @@ TEST_F(FoundationTest, MisuseRaisesApplesExceptions)
     EXPECT_EQ(raised([&] { send<void>(dict, "setObject:forKey:", num(1), (id) nil); }).first,
               "NSInvalidArgumentException");
 
-    r = raised([&] {
-        SEL s = sel_registerName("raise:format:");
-        auto imp = reinterpret_cast<void (*)(id, SEL, id, id, ...)>(
-            class_getMethodImplementation(object_getClass(cls("NSException")), s));
-        imp(cls("NSException"), s, NSInternalInconsistencyException, str("bad %@ %d"), str("state"), 7);
-    });
-    EXPECT_EQ(r.first, "NSInternalInconsistencyException");
-    EXPECT_EQ(r.second, "bad state 7");
+    EXPECT_EQ(raised([&] {
+                  SEL s = sel_registerName("raise:format:");
+                  auto imp = reinterpret_cast<void (*)(id, SEL, id, id, ...)>(
+                      class_getMethodImplementation(object_getClass(cls("NSException")), s));
+                  imp(cls("NSException"), s, NSInternalInconsistencyException, str("bad %@ %d"), str("state"), 7);
+              }),
+              Raised("NSInternalInconsistencyException", "bad state 7"));
 }
 
 // ---- numbers and constants

@@ -110,9 +110,8 @@ TEST_F(RuntimeTest, UnimplementedSelectorsRaiseWithApplesReason)
     char address[32];
     std::snprintf(address, sizeof address, "%p", static_cast<void *>(instance));
     EXPECT_EQ(raised([&] { send<long>(instance, "missing:", 1L); }),
-              std::make_pair(std::string("NSInvalidArgumentException"),
-                             std::string("-[") + class_getName(derived_) +
-                                 " missing:]: unrecognized selector sent to instance " + address));
+              Raised("NSInvalidArgumentException", std::string("-[") + class_getName(derived_) +
+                                                       " missing:]: unrecognized selector sent to instance " + address));
     EXPECT_EQ(0u, raised([&] { send<id>(reinterpret_cast<id>(derived_), "missingClassMethod"); })
                       .second.find(std::string("+[") + class_getName(derived_) +
                                    " missingClassMethod]: unrecognized selector sent to class 0x"));

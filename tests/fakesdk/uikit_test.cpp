@@ -140,9 +140,8 @@ TEST_F(UIKitTest, PickerReportsNoCameraAndRaisesWhenTheCameraIsChosen)
     EXPECT_EQ(send<double>(instance, "videoMaximumDuration"), 600.0);
     ASSERT_EQ(count(send(instance, "mediaTypes")), 1u);
     EXPECT_EQ(text(send(send(instance, "mediaTypes"), "firstObject")), "public.image");
-    auto [name, reason] = raised([&] { send<void>(instance, "setSourceType:", 1L); });
-    EXPECT_EQ(name, "NSInvalidArgumentException");
-    EXPECT_EQ(reason, "Source type 1 not available");
+    EXPECT_EQ(raised([&] { send<void>(instance, "setSourceType:", 1L); }),
+              Raised("NSInvalidArgumentException", "Source type 1 not available"));
     EXPECT_EQ(send<long>(instance, "sourceType"), 0) << "the refused value is not kept";
     send<void>(instance, "setSourceType:", 2L);
     EXPECT_EQ(send<long>(instance, "sourceType"), 2);
