@@ -93,8 +93,8 @@ protected:
 
     id url(const std::string &name) { return send<id>(cls("NSURL"), sel<"fileURLWithPath:">(), string((dir_ / name).c_str())); }
 
-    // A writer with one started H.264 input; the session starts at 0.
-    Strong<> started(const std::string &name, id *input, long width = 640, long height = 480, id fileType = AVFileTypeMPEG4)
+    // A writer with one H.264 input, not yet writing.
+    Strong<> withInput(const std::string &name, id *input, long width = 640, long height = 480, id fileType = AVFileTypeMPEG4)
     {
         id error = nil;
         Strong<> writer = allocInit<"initWithURL:fileType:error:">("AVAssetWriter", url(name), fileType, &error);
@@ -102,9 +102,24 @@ protected:
                           AVMediaTypeVideo, settings(width, height));
         EXPECT_TRUE(send<BOOL>(writer.get(), sel<"canAddInput:">(), *input));
         send<void>(writer.get(), sel<"addInput:">(), *input);
+        return writer;
+    }
+
+    // The same writer started; the session starts at 0.
+    Strong<> started(const std::string &name, id *input, long width = 640, long height = 480, id fileType = AVFileTypeMPEG4)
+    {
+        Strong<> writer = withInput(name, input, width, height, fileType);
         EXPECT_TRUE(send<BOOL>(writer.get(), sel<"startWriting">()));
         send<void>(writer.get(), sel<"startSessionAtSourceTime:">(), CMTimeMake(0, 600));
         return writer;
+    }
+
+    // Appends the i-th buffer (and lets it go) once the input is ready for it.
+    void appendWhenReady(id input, CMSampleBufferRef sample, int i)
+    {
+        CFRunLoopRunUntil_np(5, ^bool { return send<BOOL>(input, sel<"isReadyForMoreMediaData">()); });
+        EXPECT_TRUE(send<BOOL>(input, sel<"appendSampleBuffer:">(), sample)) << i;
+        CFRelease(sample);
     }
 
     // Finishes and waits for the handler; whether it ran off this thread, and how often.
@@ -138,10 +153,7 @@ TEST_F(AssetWriterTest, TheMovieIsH264AtTheSettingsSizeAndTimedByItsBuffers)
     // Ten frames 0.1 s apart, a 1 s gap, ten more: the gap stays in the movie.
     for (int i = 0; i < 20; ++i) {
         double t = i < 10 ? 0.1 * i : 2.0 + 0.1 * (i - 10);
-        CMSampleBufferRef sample = buffer(t, uint8_t(i * 12));
-        CFRunLoopRunUntil_np(5, ^bool { return send<BOOL>(input, sel<"isReadyForMoreMediaData">()); });
-        EXPECT_TRUE(send<BOOL>(input, sel<"appendSampleBuffer:">(), sample)) << i;
-        CFRelease(sample);
+        appendWhenReady(input, buffer(t, uint8_t(i * 12)), i);
     }
     send<void>(input, sel<"markAsFinished">());
     Finished done = finish(writer.get());
@@ -172,17 +184,14 @@ TEST_F(AssetWriterTest, TheMovieShowsItsFirstPictureAndSpendsTheBitRateAsked)
         id input = nil;
         Strong<> writer = started(c.name, &input, 640, 480, c.fileType);
         for (int i = 0; i < 30; ++i) {
-            CMSampleBufferRef sample = buffer(0.1 * i, [i](uint8_t *pixels, size_t bytesPerRow) {
+            appendWhenReady(input, buffer(0.1 * i, [i](uint8_t *pixels, size_t bytesPerRow) {
                 for (size_t y = 0; y < 480; ++y)
                     for (size_t x = 0; x < 640; ++x) {
                         uint8_t *bgra = pixels + y * bytesPerRow + x * 4;
                         bgra[0] = bgra[1] = bgra[2] = scene(i, x, y);
                         bgra[3] = 255;
                     }
-            });
-            CFRunLoopRunUntil_np(5, ^bool { return send<BOOL>(input, sel<"isReadyForMoreMediaData">()); });
-            EXPECT_TRUE(send<BOOL>(input, sel<"appendSampleBuffer:">(), sample)) << i;
-            CFRelease(sample);
+            }), i);
         }
         send<void>(input, sel<"markAsFinished">());
         ASSERT_EQ(1, finish(writer.get()).calls);
@@ -215,10 +224,8 @@ TEST_F(AssetWriterTest, MisuseRaisesAndFailuresAreStatusesWithErrors)
     EXPECT_EQ(0u, fs::file_size(existing));
 
     // Appending needs a session.
-    Strong<> noSession = allocInit<"initWithURL:fileType:error:">("AVAssetWriter", url("a.mp4"), AVFileTypeMPEG4, &error);
-    id input = send<id>(cls("AVAssetWriterInput"), sel<"assetWriterInputWithMediaType:outputSettings:">(),
-                        AVMediaTypeVideo, settings(640, 480));
-    send<void>(noSession.get(), sel<"addInput:">(), input);
+    id input = nil;
+    Strong<> noSession = withInput("a.mp4", &input);
     ASSERT_TRUE(send<BOOL>(noSession.get(), sel<"startWriting">()));
     CMSampleBufferRef sample = buffer(0, 128);
     EXPECT_THROW(send<BOOL>(input, sel<"appendSampleBuffer:">(), sample), id);
@@ -232,12 +239,7 @@ TEST_F(AssetWriterTest, MisuseRaisesAndFailuresAreStatusesWithErrors)
 
     // A folder that does not exist fails at the start, not at the end.
     id badInput = nil;
-    Strong<> nowhere = allocInit<"initWithURL:fileType:error:">(
-        "AVAssetWriter", send<id>(cls("NSURL"), sel<"fileURLWithPath:">(), string((dir_ / "no/such/dir.mp4").c_str())),
-        AVFileTypeMPEG4, &error);
-    badInput = send<id>(cls("AVAssetWriterInput"), sel<"assetWriterInputWithMediaType:outputSettings:">(),
-                        AVMediaTypeVideo, settings(640, 480));
-    send<void>(nowhere.get(), sel<"addInput:">(), badInput);
+    Strong<> nowhere = withInput("no/such/dir.mp4", &badInput);
     EXPECT_FALSE(send<BOOL>(nowhere.get(), sel<"startWriting">()));
     EXPECT_EQ(kFailed, send<long>(nowhere.get(), sel<"status">()));
     EXPECT_NE(nil, send<id>(nowhere.get(), sel<"error">()));
