@@ -175,9 +175,16 @@ TEST_F(UIKitTest, PickerSourceSetterAsksAvailabilityByMessage)
 
 // ---- presentation
 
-TEST_F(UIKitTest, PresentationRunsAppearanceCallbacksThenCompletionOnTheMainQueue)
+TEST_F(UIKitTest, ViewLoadsOnceAndPresentationRunsAppearanceCallbacksThenCompletionOnTheMainQueue)
 {
     id root = controller("A");
+    EXPECT_FALSE(send<bool>(root, "isViewLoaded"));
+    EXPECT_EQ(send(root, "viewIfLoaded"), nil);
+    id view = send(root, "view");
+    EXPECT_EQ(send(root, "view"), view);
+    EXPECT_TRUE(send<bool>(root, "isViewLoaded"));
+    EXPECT_EQ(send(view, "nextResponder"), root);
+    EXPECT_GT(send<CGRect>(view, "frame").size.width, 0);
     UIWindowMakeKeyWithRootViewController_np(root);
     EXPECT_EQ(gEvents, (std::vector<std::string>{"A.viewDidLoad", "A.viewWillAppear:", "A.viewDidAppear:"}));
 
@@ -236,22 +243,6 @@ TEST_F(UIKitTest, PresentationRunsAppearanceCallbacksThenCompletionOnTheMainQueu
                   .first,
               "NSInvalidArgumentException");
     objc_release(root);
-}
-
-TEST_F(UIKitTest, ViewLoadsOnceOnFirstAccess)
-{
-    id c = controller("A");
-    EXPECT_FALSE(send<bool>(c, "isViewLoaded"));
-    EXPECT_EQ(send(c, "viewIfLoaded"), nil);
-    id view = send(c, "view");
-    ASSERT_NE(view, nil);
-    EXPECT_EQ(send(c, "view"), view);
-    EXPECT_TRUE(send<bool>(c, "isViewLoaded"));
-    EXPECT_EQ(gEvents, std::vector<std::string>{"A.viewDidLoad"});
-    EXPECT_EQ(send(view, "nextResponder"), c);
-    CGRect frame = send<CGRect>(view, "frame");
-    EXPECT_GT(frame.size.width, 0);
-    objc_release(c);
 }
 
 // ---- controls
