@@ -17,6 +17,7 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <stdexcept>
 
 #include "server/qr_reader.h"
 
@@ -61,32 +62,30 @@ nlohmann::json statusOf(uint16_t port) {
   return nlohmann::json::parse(r.body, nullptr, false);
 }
 
+bool readUntil(int fd, Clock::time_point deadline, std::string& got,
+               const std::function<bool(const std::string&)>& done) {
+  char buf[65536];
+  while (!done || !done(got)) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) return false;
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) return true;
+    got.append(buf, static_cast<size_t>(n));
+  }
+  return false;
+}
+
 std::string readInterim(int fd, Clock::time_point deadline) {
   std::string interim;
-  char buf[256];
-  while (interim.find("\r\n\r\n") == std::string::npos) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd p{fd, POLLIN, 0};
-    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) != 1) break;
-    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-    if (n <= 0) break;
-    interim.append(buf, static_cast<size_t>(n));
-  }
+  readUntil(fd, deadline, interim, [](const std::string& got) { return got.find("\r\n\r\n") != std::string::npos; });
   return interim;
 }
 
 bool waitForClose(int fd, Clock::time_point deadline, std::string* received) {
-  char buf[65536];
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) return false;
-    pollfd p{fd, POLLIN, 0};
-    int rc = ::poll(&p, 1, static_cast<int>(left.count()));
-    if (rc <= 0) continue;
-    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-    if (n <= 0) return true;
-    if (received) received->append(buf, static_cast<size_t>(n));
-  }
+  std::string ignored;
+  return readUntil(fd, deadline, received ? *received : ignored);
 }
 
 Reply readReply(int fd, Clock::time_point deadline) {
@@ -126,6 +125,20 @@ Reply roundTrip(uint16_t port, std::string_view raw, Clock::duration limit) {
   Reply r = readReply(fd, in(limit));
   ::close(fd);
   return r;
+}
+
+::testing::AssertionResult hasPart(const char* textExpr, const char* partExpr, std::string_view text,
+                                   std::string_view part) {
+  if (text.find(part) != std::string_view::npos) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "no " << partExpr << " (\"" << part << "\") in " << textExpr
+                                       << ":\n" << text;
+}
+
+::testing::AssertionResult lacksPart(const char* textExpr, const char* partExpr, std::string_view text,
+                                     std::string_view part) {
+  if (text.find(part) == std::string_view::npos) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << partExpr << " (\"" << part << "\") in " << textExpr << ":\n"
+                                       << text;
 }
 
 std::optional<std::string> errorReason(const Reply& reply) {
@@ -306,10 +319,9 @@ RunningServer startServer(const server::SourceChoice& choice, server::FrameSetti
   options.host = "127.0.0.1";
   options.port = 0;
   auto started = server::Server::start(options, choice, settings, running.log->logger());
-  if (!started) {
-    ADD_FAILURE() << "server did not start: " << started.error().message;
-    return running;
-  }
+  // Thrown rather than returned: GoogleTest fails the test with the message, and no test goes
+  // on to use a server that is not there.
+  if (!started) throw std::runtime_error("server did not start: " + started.error().message);
   running.server = std::move(started.value());
   return running;
 }
@@ -391,7 +403,7 @@ std::string Child::stderrText() const {
 
 uint16_t Child::waitForPort(Clock::time_point deadline) {
   auto line = waitForLine("listening on http://127.0.0.1:", deadline);
-  if (!line) return 0;
+  if (!line) throw std::runtime_error("it did not start serving:\n" + stderrText());
   size_t at = line->find("127.0.0.1:") + 10;
   return static_cast<uint16_t>(std::atoi(line->c_str() + at));
 }

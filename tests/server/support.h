@@ -9,14 +9,17 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "ScriptedServer.h"
 #include "server/image.h"
 #include "server/server.h"
 
@@ -76,13 +79,38 @@ bool eventually(F condition, Clock::duration limit = 10s) {
   return true;
 }
 
+// Whether `text` holds `part`, word for word; a failure shows the whole text.
+::testing::AssertionResult hasPart(const char* textExpr, const char* partExpr, std::string_view text,
+                                   std::string_view part);
+::testing::AssertionResult lacksPart(const char* textExpr, const char* partExpr, std::string_view text,
+                                     std::string_view part);
+#define EXPECT_HAS(text, part) EXPECT_PRED_FORMAT2(::zerlan::test::hasPart, text, part)
+#define ASSERT_HAS(text, part) ASSERT_PRED_FORMAT2(::zerlan::test::hasPart, text, part)
+#define EXPECT_LACKS(text, part) EXPECT_PRED_FORMAT2(::zerlan::test::lacksPart, text, part)
+
 // The reason an error answer gives: the server answers every error as JSON {"error": REASON}.
 // Nothing when the answer is not that (another type, no JSON, no "error" text).
 std::optional<std::string> errorReason(const Reply& reply);
 
+// Appends what arrives on `fd` to `got` until `done(got)` holds or `deadline` passes; true when
+// the peer closed (EOF or reset) first.
+bool readUntil(int fd, Clock::time_point deadline, std::string& got,
+               const std::function<bool(const std::string&)>& done = nullptr);
+
 // True when the server closes `fd` (EOF or reset) before `deadline`; bytes that arrive first
 // are appended to `received` if given.
 bool waitForClose(int fd, Clock::time_point deadline, std::string* received = nullptr);
+
+// A loopback server that reads each request's head and answers it with `answer`: another
+// program on a port, or a frame server that misbehaves in one exact way.
+struct Answering : zerlan::testing::ScriptedServer {
+  explicit Answering(std::string answer)
+      : ScriptedServer([answer = std::move(answer)](int fd) {
+          readHead(fd);
+          writeAll(fd, answer);
+          return true;
+        }) {}
+};
 
 // ---- pictures ------------------------------------------------------------------------------
 
@@ -154,7 +182,7 @@ struct RunningServer {
   uint16_t port() const { return server->port(); }
 };
 
-// A server on an ephemeral port; fails the test (returns nothing usable) when it cannot start.
+// A server on an ephemeral port; throws (which fails the test) when it cannot start.
 RunningServer startServer(const server::SourceChoice& choice = server::SourceChoice::pattern(),
                           server::FrameSettings settings = {}, server::ServerOptions options = {});
 
@@ -172,7 +200,8 @@ class Child {
   std::optional<std::string> waitForLine(const std::string& part, Clock::time_point deadline);
   std::string stderrText() const;
 
-  // The port in the start line ("listening on http://127.0.0.1:PORT/"), or 0.
+  // The port in the start line ("listening on http://127.0.0.1:PORT/"); throws (which fails the
+  // test) when the line does not come by `deadline`.
   uint16_t waitForPort(Clock::time_point deadline);
 
   bool writeStdin(std::string_view bytes);
