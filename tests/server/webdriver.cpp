@@ -1,13 +1,9 @@
 #include "webdriver.h"
 
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <sstream>
 #include <thread>
 
 namespace zerlan::test {
@@ -19,32 +15,15 @@ using nlohmann::json;
 // The key under which WebDriver names an element.
 const std::string kElement = "element-6066-11e4-a52e-4f735466cecf";
 
-bool onPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::istringstream dirs(path ? path : "");
-  std::string dir;
-  while (std::getline(dirs, dir, ':')) {
-    if (!dir.empty() && ::access((std::filesystem::path(dir) / program).c_str(), X_OK) == 0)
-      return true;
-  }
-  return false;
-}
-
 std::string base64Decode(std::string_view text) {
-  auto value = [](char c) -> int {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
-    return -1;
-  };
+  static const std::string_view kDigits =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string out;
   int bits = 0;
   uint32_t buffer = 0;
   for (char c : text) {
-    int v = value(c);
-    if (v < 0) continue;  // padding
+    size_t v = kDigits.find(c);
+    if (v == std::string_view::npos) continue;  // padding
     buffer = (buffer << 6) | static_cast<uint32_t>(v);
     bits += 6;
     if (bits >= 8) {
@@ -65,37 +44,26 @@ std::pair<int, std::string> ask(uint16_t port, const std::string& request) {
     return {0, "cannot reach chromedriver on port " + std::to_string(port)};
   }
   std::string got;
-  const auto deadline = in(60s);
-  for (;;) {
-    if (size_t end = got.find("\r\n\r\n"); end != std::string::npos) {
-      std::string head = got.substr(0, end);
-      for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      size_t at = head.find("content-length:");
-      size_t length =
-          at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 15, nullptr, 10);
-      if (got.size() >= end + 4 + length) {
-        ::close(fd);
-        return {std::atoi(got.c_str() + 9), got.substr(end + 4, length)};
-      }
-    }
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd p{fd, POLLIN, 0};
-    char buf[65536];
-    ssize_t n = left.count() > 0 && ::poll(&p, 1, static_cast<int>(left.count())) > 0
-                    ? ::recv(fd, buf, sizeof buf, 0)
-                    : -1;
-    if (n <= 0) break;
-    got.append(buf, static_cast<size_t>(n));
-  }
+  size_t end = 0, length = 0;
+  auto whole = [&](const std::string& got) {
+    if ((end = got.find("\r\n\r\n")) == std::string::npos) return false;
+    std::string head = got.substr(0, end);
+    for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    size_t at = head.find("content-length:");
+    length = at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 15, nullptr, 10);
+    return got.size() >= end + 4 + length;
+  };
+  readUntil(fd, in(60s), got, whole);
   ::close(fd);
-  return {0, "no whole answer from chromedriver: " + got};
+  if (!whole(got)) return {0, "no whole answer from chromedriver: " + got};
+  return {std::atoi(got.c_str() + 9), got.substr(end + 4, length)};
 }
 
 }  // namespace
 
 std::string browserMissing() {
-  for (const char* program : {"chromium", "chromedriver"}) {
-    if (!onPath(program)) {
+  for (const std::string program : {"chromium", "chromedriver"}) {
+    if (std::system(("command -v " + program + " >/dev/null").c_str()) != 0) {
       return std::string("no ") + program +
              " on PATH: scripts/setup installs Debian's chromium and chromium-driver";
     }
