@@ -89,9 +89,7 @@ TEST(HttpParser, FieldsOfACompleteRequest) {
 
   // Absolute targets: the authority ends at the path, the query or the fragment, and a target
   // without a path (an empty authority included, as the fuzzer sent it) stands for the root.
-  struct Absolute {
-    std::string target, authority, path;
-  };
+  struct Absolute { std::string target, authority, path; };
   const Absolute absolutes[] = {
       {"http://?x=1", "", "/"},
       {"https://localhost", "localhost", "/"},
