@@ -25,11 +25,7 @@ constexpr uint32_t kArm64 = 0x0100000c, kX86_64 = 0x01000007;
 constexpr uint32_t kDylib = 6, kExecutable = 2;
 constexpr uint32_t kIOSSimulator = 7, kIOS = 2, kMacOS = 1;
 
-struct Slice {
-  uint32_t cpuType;
-  uint32_t fileType = kDylib;
-  uint32_t platform = kIOSSimulator;
-};
+struct Slice { uint32_t cpuType; uint32_t fileType = kDylib; uint32_t platform = kIOSSimulator; };
 
 void little(std::string& out, uint32_t value) {
   for (int i = 0; i < 4; ++i) out += static_cast<char>(value >> (8 * i) & 0xff);
@@ -162,9 +158,9 @@ TEST_F(Launch, FindsTheLibraryOfItsCheckoutAndHandsTheAppOverToSimctl) {
                                                 {"SIMCTL_CHILD_ZERLAN_FRAME_PORT", "47654"}}),
             r.env);
   EXPECT_EQ(dir.file("terminal"), r.stdinIs) << "simctl shares launch's terminal";
-  EXPECT_NE(std::string::npos, run.out.find("com.example.YourApp: 4242")) << "simctl's answer reaches stdout";
-  EXPECT_NE(std::string::npos, run.err.find("with " + built.string())) << run.err;
-  EXPECT_EQ(std::string::npos, run.err.find("log show")) << "no hint about diagnostics without --debug";
+  EXPECT_HAS(run.out, "com.example.YourApp: 4242") << "simctl's answer reaches stdout";
+  EXPECT_HAS(run.err, "with " + built.string());
+  EXPECT_LACKS(run.err, "log show") << "no hint about diagnostics without --debug";
 }
 
 TEST_F(Launch, TheReadmesLaunchCommandsRunAsWritten) {
@@ -210,21 +206,13 @@ TEST_F(Launch, PassesItsOptionsToSimctlAndTheApp) {
   EXPECT_EQ("48002", r.env["SIMCTL_CHILD_ZERLAN_FRAME_PORT"]);
   EXPECT_EQ("1", r.env["SIMCTL_CHILD_ZERLAN_DEBUG"]);
   EXPECT_EQ(0u, r.env.count("SIMCTL_CHILD_OS_ACTIVITY_DT_MODE"));
-  EXPECT_NE(std::string::npos,
-            run.err.find("xcrun simctl spawn booted log show --last 5m --predicate 'eventMessage CONTAINS "
-                         "\"[ZerlanInject]\"'"))
-      << run.err;
-  EXPECT_NE(std::string::npos, run.err.find("\"[ZerlanInject] AVFoundation compatibility layer loaded\""))
-      << run.err;
+  EXPECT_HAS(run.err, "xcrun simctl spawn booted log show --last 5m --predicate 'eventMessage CONTAINS "
+                      "\"[ZerlanInject]\"'");
+  EXPECT_HAS(run.err, "\"[ZerlanInject] AVFoundation compatibility layer loaded\"");
 }
 
 TEST_F(Launch, EachSimctlFailureReachesTheUserWithWhatToDoNext) {
-  struct Case {
-    std::string answer;
-    std::string device;
-    std::string simctlSays;
-    std::string nextStep;
-  };
+  struct Case { std::string answer; std::string device; std::string simctlSays; std::string nextStep; };
   const Case cases[] = {
       {"none-booted", "booted", "No devices are booted.",
        "no Simulator is booted. Pick one from 'xcrun simctl list devices available', boot it with 'xcrun "
@@ -259,11 +247,7 @@ TEST_F(Launch, EachSimctlFailureReachesTheUserWithWhatToDoNext) {
 TEST_F(Launch, RefusesALibraryTheSimulatorCannotLoadBeforeAskingIt) {
   std::string host = hostCpu() == kArm64 ? "arm64" : "x86_64",
               other = otherCpu() == kArm64 ? "arm64" : "x86_64";
-  struct Case {
-    std::string name;
-    std::string bytes;
-    std::string problem;
-  };
+  struct Case { std::string name; std::string bytes; std::string problem; };
   const Case cases[] = {
       {"linux", std::string(1, '\x7f') + "ELF" + std::string(60, '\1'),
        "is an ELF library (a Linux build's .so)"},
@@ -289,23 +273,23 @@ TEST_F(Launch, RefusesALibraryTheSimulatorCannotLoadBeforeAskingIt) {
     auto run = launch({"--library", path, "com.example.YourApp"});
     EXPECT_EQ(2, run.status);
     EXPECT_FALSE(recorded().ran) << "simctl is not asked to insert it";
-    EXPECT_NE(std::string::npos, run.err.find("the library " + path + " " + c.problem)) << run.err;
-    EXPECT_NE(std::string::npos, run.err.find("cmake --preset ios-simulator")) << run.err;
+    EXPECT_HAS(run.err, "the library " + path + " " + c.problem);
+    EXPECT_HAS(run.err, "cmake --preset ios-simulator");
   }
   // The host's slice alone is enough, thin or universal.
   EXPECT_EQ(0,
             launch({"--library", dir.write("thin.dylib", thin({hostCpu()})), "com.example.YourApp"}).status);
   auto missing = launch({"--library", dir.file("nowhere.dylib"), "com.example.YourApp"});
   EXPECT_EQ(2, missing.status);
-  EXPECT_NE(std::string::npos, missing.err.find("no library at " + dir.file("nowhere.dylib"))) << missing.err;
+  EXPECT_HAS(missing.err, "no library at " + dir.file("nowhere.dylib"));
 }
 
 TEST_F(Launch, WithoutXcrunItSaysWhatToUseInstead) {
   fs::remove(dir.path() / "bin" / "xcrun");
   auto run = launch({"--library", library, "com.example.Scanner"}, "launched", {{"PATH", dir.file("bin")}});
   EXPECT_EQ(1, run.status);
-  EXPECT_NE(std::string::npos, run.err.find("needs macOS with Xcode")) << run.err;
-  EXPECT_NE(std::string::npos, run.err.find("zerlan demo")) << run.err;
+  EXPECT_HAS(run.err, "needs macOS with Xcode");
+  EXPECT_HAS(run.err, "zerlan demo");
   EXPECT_EQ(2, launch({}).status) << "the bundle ID is required";
   EXPECT_EQ(2, launch({"--port", "0", "com.example.Scanner"}).status) << "a port is 1 to 65535";
   EXPECT_FALSE(recorded().ran);
