@@ -97,7 +97,7 @@ TEST(MjpegSplitter, ImagesWithInnerEndMarkersSurviveAnyChunking) {
   const std::string progressive = progressiveJpeg();
   const std::string restarts = jpegWithRestarts();
   ASSERT_TRUE(server::decodeJpeg(thumbnailed).ok());
-  ASSERT_NE(restarts.find("\xFF\xD0"), std::string::npos) << "no restart marker was written";
+  ASSERT_HAS(restarts, "\xFF\xD0") << "no restart marker was written";
 
   const std::string junk1 = "junk\xFF\x00\xFF";
   const std::string junk2 = "\r\n--boundary\r\n";
