@@ -102,7 +102,7 @@ TEST_F(Panel, PicturesByPathByDropAndByTheFileChooser) {
   browser_->type("#path", red);
   browser_->click("#pathgo");
   ASSERT_TRUE(says("Serving " + red)) << message();
-  EXPECT_NE(status()["source"].get<std::string>().find(red), std::string::npos);
+  EXPECT_HAS(status()["source"].get<std::string>(), red);
   EXPECT_EQ(nearest(centreColour(frame()), {kRed, kGreen, kBlue}), 0u);
   EXPECT_EQ(status()["uploads"]["kept"], 0) << "a path is served where it lies";
 
@@ -166,7 +166,7 @@ TEST_F(Panel, AFaultIsInjectedShownAndCleared) {
   EXPECT_EQ(status()["fault"]["kind"], "http-error");
   EXPECT_TRUE(eventually([] { return browser_->text("#fault").find("http-error, ") == 0; }))
       << browser_->text("#fault");
-  EXPECT_NE(browser_->text("#faultpill").find("http-error"), std::string::npos);
+  EXPECT_HAS(browser_->text("#faultpill"), "http-error");
   EXPECT_EQ(get(port_, "/frame").status, 503) << "an app gets the fault";
   EXPECT_EQ(get(port_, "/frame?view=panel").status, 200) << "the live view does not";
 
