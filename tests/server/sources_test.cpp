@@ -1,5 +1,5 @@
 // Each kind of source, seen through a running server: what the frames show, their size and
-// bytes, their order, and how bad files are refused.
+// bytes, their order, how bad files are refused, and pictures larger than a frame may be.
 #include "server/sources.h"
 
 #include <fcntl.h>
@@ -7,8 +7,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <nlohmann/json.hpp>
 #include <set>
 
+#include "Pictures.h"
+#include "Process.h"
 #include "support.h"
 
 namespace zerlan::test {
@@ -71,49 +74,31 @@ void expectPaced(const std::vector<std::shared_ptr<const Frame>>& frames, double
   }
 }
 
-TEST(Sources, PatternShowsItsQrPayloadAndMoves) {
-  FrameSettings settings;
-  settings.qr = "hello from zerlan";
-  settings.fps = 30;
-  auto s = startServer(SourceChoice::pattern(), settings);
-  ASSERT_TRUE(s.server);
-  Reply r = get(s.port(), "/frame");
-  ASSERT_EQ(r.status, 200);
-  EXPECT_EQ(jpegSizeOf(r.body), (Size{640, 480}));
-  EXPECT_EQ(readQr(r.body), "hello from zerlan");
-
-  auto frames = collect(*s.server, 4);
-  ASSERT_EQ(frames.size(), 4u);
-  EXPECT_NE(frames[0]->jpeg(), frames[1]->jpeg()) << "the pattern is animated";
-  EXPECT_EQ(readQr(frames[3]->jpeg()), "hello from zerlan") << "on every frame";
-  expectPaced(frames, 30);
-}
-
-TEST(Sources, PatternSizesAndLongPayloads) {
-  struct Case {
-    Size size;
-    std::string qr;
-  };
-  const Case cases[] = {
+TEST(Sources, PatternShowsItsQrPayloadAtEachSizeAndMoves) {
+  const std::pair<Size, std::string> cases[] = {
+      {{640, 480}, "hello from zerlan"},
       {{320, 240}, "small frame"},
       {{1280, 720}, "wide frame"},
       {{640, 480}, std::string(600, 'x') + "end"},
       {{480, 640}, "https://example.com/some/path?query=1&more=2"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [size, qr] : cases) {
+    SCOPED_TRACE(server::formatSize(size));
     FrameSettings settings;
-    settings.size = c.size;
-    settings.qr = c.qr;
-    auto source = server::openSource(SourceChoice::pattern(), settings);
-    ASSERT_TRUE(source) << source.error().message;
-    server::FrameStore store;
-    server::LiveSettings live(settings);
-    server::Producer producer(store, live, [](const std::string&) {});
-    producer.start(std::move(source.value()));
-    auto frame = store.waitNewer(0, in(5s));
-    ASSERT_TRUE(frame);
-    EXPECT_EQ(jpegSizeOf(frame->jpeg()), c.size);
-    EXPECT_EQ(readQr(frame->jpeg()), c.qr) << server::formatSize(c.size);
+    settings.size = size;
+    settings.qr = qr;
+    settings.fps = 30;
+    auto s = startServer(SourceChoice::pattern(), settings);
+    Reply r = get(s.port(), "/frame");
+    ASSERT_EQ(r.status, 200);
+    EXPECT_EQ(jpegSizeOf(r.body), size);
+    EXPECT_EQ(readQr(r.body), qr);
+    if (qr != cases[0].second) continue;  // one server is enough to watch it move
+    auto frames = collect(*s.server, 4);
+    ASSERT_EQ(frames.size(), 4u);
+    EXPECT_NE(frames[0]->jpeg(), frames[1]->jpeg()) << "the pattern is animated";
+    EXPECT_EQ(readQr(frames[3]->jpeg()), qr) << "on every frame";
+    expectPaced(frames, 30);
   }
 }
 
@@ -125,32 +110,23 @@ TEST(Sources, PicturesAreServedAsIsOrTranscodedOnce) {
   // A JPEG behind a misleading name is still a JPEG; decisions go by content.
   const std::string disguised = dir.write("photo.png.bin", jpeg);
 
-  {
-    auto s = startServer(SourceChoice::image(jpegPath));
-    ASSERT_TRUE(s.server);
-    EXPECT_EQ(get(s.port(), "/frame").body, jpeg);
-  }
-  {
-    auto s = startServer(SourceChoice::image(disguised));
-    ASSERT_TRUE(s.server);
-    EXPECT_EQ(get(s.port(), "/frame").body, jpeg);
+  for (const std::string& path : {jpegPath, disguised}) {
+    auto s = startServer(SourceChoice::image(path));
+    EXPECT_EQ(get(s.port(), "/frame").body, jpeg) << path;
   }
   {
     auto s = startServer(SourceChoice::image(pngPath));
-    ASSERT_TRUE(s.server);
     Reply first = get(s.port(), "/frame");
     EXPECT_EQ(jpegSizeOf(first.body), (Size{100, 80}));
     EXPECT_EQ(nearest(centreColour(first.body), {kRed, kGreen, kBlue}), 1u);
     EXPECT_EQ(get(s.port(), "/frame").body, first.body) << "encoded once, served as the same bytes";
     EXPECT_EQ(s.server->frames().current()->number, 1u);
-    EXPECT_NE(s.server->status()["source"].get<std::string>().find("transcoded"),
-              std::string::npos);
+    EXPECT_HAS(s.server->status()["source"].get<std::string>(), "transcoded");
   }
   {
     FrameSettings settings;
     settings.size = Size{50, 40};
     auto s = startServer(SourceChoice::image(pngPath), settings);
-    ASSERT_TRUE(s.server);
     EXPECT_EQ(jpegSizeOf(get(s.port(), "/frame").body), (Size{50, 40}));
   }
 }
@@ -168,9 +144,7 @@ TEST(Sources, FolderAdvancesInNameOrderAndLoops) {
   FrameSettings settings;
   settings.fps = 25;
   auto s = startServer(SourceChoice::dir(dir.path().string()), settings);
-  ASSERT_TRUE(s.server);
-  EXPECT_NE(s.server->status()["source"].get<std::string>().find("3 images"), std::string::npos)
-      << s.server->status()["source"];
+  EXPECT_HAS(s.server->status()["source"].get<std::string>(), "3 images") << s.server->status()["source"];
   auto frames = collect(*s.server, 8);
   expectCycle(frames, {kGreen, kRed, kBlue});
   expectPaced(frames, 25);
@@ -196,14 +170,12 @@ TEST(Sources, AFolderOfThousandsOfBadFilesIsSummedUpInAFewLines) {
   FrameSettings settings;
   settings.fps = 120;
   auto s = startServer(SourceChoice::dir(dir.path().string()), settings);
-  ASSERT_TRUE(s.server);
   ASSERT_TRUE(s.log->waitFor("skipped 3000 of the 3002 files of folder", in(30s)));
   EXPECT_TRUE(s.log->contains(": b0001.jpg, b0002.jpg, b0003.jpg and 2997 more"));
   EXPECT_EQ(s.log->count("skipping "), 3u);
   EXPECT_TRUE(s.log->contains("skipping " + dir.file("b0001.jpg") + " is not a picture"));
   EXPECT_LE(s.log->lines().size(), 6u);
-  EXPECT_NE(s.server->status()["source"].get<std::string>().find("3000 skipped"), std::string::npos)
-      << s.server->status()["source"];
+  EXPECT_HAS(s.server->status()["source"].get<std::string>(), "3000 skipped") << s.server->status()["source"];
   expectCycle(collect(*s.server, 6), {kRed, kBlue});
 }
 
@@ -214,52 +186,13 @@ TEST(Sources, VideoPlaysScaledAndLoops) {
   FrameSettings settings;
   settings.size = Size{80, 60};
   auto s = startServer(SourceChoice::video(video), settings);
-  ASSERT_TRUE(s.server);
   std::string source = s.server->status()["source"];
-  EXPECT_NE(source.find("mpeg4 160x120"), std::string::npos) << source;
-  EXPECT_NE(source.find("scaled to 80x60"), std::string::npos) << source;
+  EXPECT_HAS(source, "mpeg4 160x120");
+  EXPECT_HAS(source, "scaled to 80x60");
   auto frames = collect(*s.server, 10);
   for (const auto& f : frames) EXPECT_EQ(jpegSizeOf(f->jpeg()), (Size{80, 60}));
   expectCycle(frames, colors);
   expectPaced(frames, 20);  // the video's own rate, through the loop
-}
-
-// A server on the stream read from `fd`, counting how often it says there is nothing to serve.
-RunningServer startStreamServer(int fd, std::atomic<int>& nothingToServe) {
-  server::ServerOptions options;
-  options.nothingToServe = [&nothingToServe] { ++nothingToServe; };
-  return startServer(SourceChoice::stream(fd), {}, options);
-}
-
-TEST(Sources, StreamFramesReplaceEachOther) {
-  int fds[2];
-  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-  std::atomic<int> nothingToServe{0};
-  auto s = startStreamServer(fds[0], nothingToServe);
-  ASSERT_TRUE(s.server);
-  EXPECT_EQ(get(s.port(), "/frame").status, 503) << "nothing to serve before the first frame";
-
-  const std::string a = solidJpeg(64, 48, kRed);
-  const std::string b = solidJpeg(32, 24, kGreen);
-  ASSERT_TRUE(sendAll(fds[1], "leading junk" + a));
-  ASSERT_TRUE(s.server->frames().waitNewer(0, in(5s)));
-  EXPECT_EQ(get(s.port(), "/frame").body, a);
-
-  // The second image arrives in two writes with junk before it.
-  ASSERT_EQ(::write(fds[1], "--x\r\n", 5), 5);
-  ASSERT_TRUE(sendAll(fds[1], b.substr(0, b.size() / 2)));
-  ASSERT_TRUE(sendAll(fds[1], b.substr(b.size() / 2)));
-  ASSERT_TRUE(s.server->frames().waitNewer(1, in(5s)));
-  Reply r = get(s.port(), "/frame");
-  EXPECT_EQ(r.body, b);
-  EXPECT_EQ(s.server->status()["width"], 32);
-
-  ::close(fds[1]);
-  EXPECT_TRUE(s.log->waitFor("the MJPEG stream ended after 2 frames; serving its last frame", in(5s)));
-  EXPECT_EQ(get(s.port(), "/frame").body, b);
-  EXPECT_EQ(nothingToServe, 0) << "the last frame is still something to serve";
-  s.server->stop();
-  ::close(fds[0]);
 }
 
 TEST(Sources, AStreamThatEndsBeforeItsFirstFrameLeavesNothingToServe) {
@@ -267,13 +200,14 @@ TEST(Sources, AStreamThatEndsBeforeItsFirstFrameLeavesNothingToServe) {
     int fds[2];
     ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
     std::atomic<int> nothingToServe{0};
-    auto s = startStreamServer(fds[0], nothingToServe);
-    ASSERT_TRUE(s.server);
+    server::ServerOptions options;
+    options.nothingToServe = [&nothingToServe] { ++nothingToServe; };
+    auto s = startServer(SourceChoice::stream(fds[0]), {}, options);
     ASSERT_TRUE(sendAll(fds[1], before));
     ::close(fds[1]);
     EXPECT_TRUE(s.log->waitFor("the MJPEG stream ended before a complete JPEG arrived: there is nothing to serve",
                                in(5s)));
-    for (auto until = in(5s); nothingToServe == 0 && Clock::now() < until;) std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(eventually([&] { return nothingToServe > 0; }, 5s));
     EXPECT_EQ(nothingToServe, 1) << "told once";
     EXPECT_EQ(get(s.port(), "/frame").status, 503) << "the server still answers meanwhile";
     s.server->stop();
@@ -285,7 +219,6 @@ TEST(Sources, AStreamThatIsNoMjpegSaysWhatWasExpectedAndIsCounted) {
   int fds[2];
   ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
   auto s = startServer(SourceChoice::stream(fds[0]));
-  ASSERT_TRUE(s.server);
   // A PNG stream: plenty of bytes, none of them a JPEG.
   TempDir dir;
   const std::string png = readFile(makePng(dir, "frame.png", 640, 480, kGreen));
@@ -295,7 +228,7 @@ TEST(Sources, AStreamThatIsNoMjpegSaysWhatWasExpectedAndIsCounted) {
   EXPECT_TRUE(s.log->waitFor("does not look like an MJPEG stream", in(5s)));
   EXPECT_TRUE(s.log->contains("ffmpeg -i INPUT -f mjpeg -"));
   EXPECT_EQ(s.log->count("does not look like an MJPEG stream"), 1u) << "said once";
-  EXPECT_NE(s.server->status()["source"].get<std::string>().find("bytes outside any JPEG skipped"), std::string::npos)
+  EXPECT_HAS(s.server->status()["source"].get<std::string>(), "bytes outside any JPEG skipped")
       << s.server->status()["source"];
   EXPECT_EQ(get(s.port(), "/frame").status, 503);
   s.server->stop();
@@ -310,11 +243,7 @@ TEST(Sources, BadSourcesAreRefusedWithAClearError) {
   std::filesystem::create_directory(dir.file("empty"));
   dir.write("empty/readme.md", "nothing");
   const std::string missing = dir.file("missing.png");
-  struct Case {
-    SourceChoice choice;
-    FrameSettings settings;
-    std::string says;
-  };
+  struct Case { SourceChoice choice; FrameSettings settings; std::string says; };
   FrameSettings tiny;
   tiny.size = Size{16, 16};
   tiny.qr = std::string(200, 'q');
@@ -336,9 +265,164 @@ TEST(Sources, BadSourcesAreRefusedWithAClearError) {
   for (const Case& c : cases) {
     auto source = server::openSource(c.choice, c.settings);
     ASSERT_FALSE(source.ok()) << c.says;
-    EXPECT_NE(source.error().message.find(c.says), std::string::npos)
-        << "wanted \"" << c.says << "\" in: " << source.error().message;
+    EXPECT_HAS(source.error().message, c.says) << "wanted \"" << c.says << "\" in: " << source.error().message;
   }
+}
+
+// Pictures are held to what a frame may be from their header, before anything is decoded: the
+// frame server's sources refuse larger ones with the reason (a control request opens its file the
+// same way), an MJPEG stream skips them, and zerlan probe calls them no frame.
+using server::PictureFormat;
+using zerlan::testing::blackPng;
+using zerlan::testing::claimSize;
+
+constexpr size_t kLibraryTakes = 32u << 20;
+
+std::string smallJpeg() { return solidJpeg(16, 16, {0, 0, 255}); }
+
+TEST(PictureLimits, HeadersAreReadWithoutDecoding) {
+  struct Case {
+    const char* name;
+    std::string bytes;
+    PictureFormat format;
+    Size size;  // {0, 0}: refused
+  };
+  std::string png = blackPng(16000, 16000);
+  std::string zeroWide = png;
+  zeroWide.replace(16, 4, std::string(4, '\0'));
+  const Case cases[] = {
+      {"JPEG", smallJpeg(), PictureFormat::Jpeg, {16, 16}},
+      {"JPEG that claims more", claimSize(smallJpeg(), 30000, 30000), PictureFormat::Jpeg, {30000, 30000}},
+      {"PNG", png, PictureFormat::Png, {16000, 16000}},
+      {"PNG cut inside its header", png.substr(0, 20), PictureFormat::Png, {}},
+      {"PNG of no width", zeroWide, PictureFormat::Png, {}},
+      {"GIF", "GIF89a\x10\x00\x10\x00", PictureFormat::Png, {}},
+      {"nothing", "", PictureFormat::Png, {}},
+  };
+  for (const Case& c : cases) {
+    auto header = server::readPictureHeader(c.bytes);
+    if (c.size.width == 0) {
+      EXPECT_FALSE(header.ok()) << c.name;
+      continue;
+    }
+    ASSERT_TRUE(header.ok()) << c.name << ": " << header.error().message;
+    EXPECT_EQ(header->format, c.format) << c.name;
+    EXPECT_EQ(header->size, c.size) << c.name;
+  }
+}
+
+TEST(PictureLimits, SourcesRefuseWhatNoCameraFrameHasBeforeDecodingIt) {
+  TempDir dir;
+  const std::string small = smallJpeg();
+  // A GIF states its size only to its decoder, which would make 1 GiB of it.
+  ASSERT_EQ(0, shell("ffmpeg -nostdin -loglevel error -y -f lavfi -i color=c=black:s=16000x16000 -frames:v 1 '" +
+                     dir.file("made.gif") + "'"));
+  struct Case {
+    std::string file;
+    std::string bytes;
+    std::string says;  // empty: opened
+  };
+  const Case cases[] = {
+      {"limit.jpg", claimSize(small, 8000, 8000), ""},
+      {"over.jpg", claimSize(small, 8000, 8001), "over.jpg: JPEG of 8000x8001, 64.008 megapixels, more than"},
+      {"huge.jpg", claimSize(small, 30000, 30000), "JPEG of 30000x30000, 900 megapixels"},
+      {"huge.png", blackPng(16000, 16000), "huge.png: PNG of 16000x16000, 256 megapixels"},
+      // Read by FFmpeg, whose decoders refuse it before they allocate it.
+      {"huge.gif", readFile(dir.file("made.gif")), "huge.gif: picture of 16000x16000, 256 megapixels"},
+      {"full.jpg", small + std::string(kLibraryTakes - small.size(), '\0'), ""},
+      {"overfull.jpg", small + std::string(kLibraryTakes - small.size() + 1, '\0'),
+       "overfull.jpg is 33554433 bytes, more than the library takes for one frame (32 MiB"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::string path = dir.write(c.file, c.bytes);
+    zerlan::testing::resetPeakResident();
+    const size_t before = zerlan::testing::peakResidentBytes();
+    auto source = server::openSource(SourceChoice::image(path), {});
+    // A 16000 x 16000 picture takes 768 MiB decoded; reading a file takes its size (and a
+    // sanitizer's shadow memory a few times more).
+    const size_t read = (zerlan::testing::kSanitized ? 4 : 1) * c.bytes.size();
+    EXPECT_LT(zerlan::testing::peakResidentBytes() - before, read + (64u << 20));
+    if (c.says.empty()) {
+      EXPECT_TRUE(source.ok()) << source.error().message;
+    } else {
+      ASSERT_FALSE(source.ok());
+      EXPECT_HAS(source.error().message, c.says);
+    }
+  }
+
+  // A control request opens its file so too: refused at once, and the server goes on as it was.
+  auto s = startServer();
+  zerlan::testing::resetPeakResident();
+  const size_t before = zerlan::testing::peakResidentBytes();
+  Reply r = post(s.port(), "/control", nlohmann::json{{"source", {{"image", dir.file("huge.png")}}}}.dump());
+  EXPECT_EQ(r.status, 400) << r.body;
+  EXPECT_HAS(r.body, "PNG of 16000x16000, 256 megapixels");
+  EXPECT_LT(zerlan::testing::peakResidentBytes() - before, 64u << 20);
+  EXPECT_EQ(s.server->status()["source_kind"], "pattern");
+}
+
+TEST(PictureLimits, AStreamSkipsAFrameLargerThanAFrameMayBe) {
+  int fds[2];
+  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  auto s = startServer(SourceChoice::stream(fds[0]));
+  const std::string good = solidJpeg(64, 48, {255, 0, 0});
+  ASSERT_TRUE(sendAll(fds[1], claimSize(smallJpeg(), 30000, 30000) + good));
+  ASSERT_TRUE(s.server->frames().waitNewer(0, in(5s)));
+  EXPECT_EQ(get(s.port(), "/frame").body, good);
+  EXPECT_TRUE(s.log->contains("skipping a frame of the MJPEG stream: JPEG of 30000x30000, 900 megapixels"));
+  s.server->stop();
+  ::close(fds[1]);
+  ::close(fds[0]);
+}
+
+// zerlan probe against a server that answers every fetch with `body`.
+struct ProbeRun { zerlan::testing::ProcessResult process; nlohmann::json line; };
+
+ProbeRun probeAnswering(const std::string& body, bool json = true) {
+  Answering server("HTTP/1.1 200 OK\r\nContent-Type: image/jpeg\r\n\r\n" + body);
+  std::vector<std::string> argv = {ZERLAN_BIN, "probe", "--port", std::to_string(server.port())};
+  if (json) argv.push_back("--json");
+  ProbeRun run{zerlan::testing::runProcess(argv), {}};
+  if (json) run.line = nlohmann::json::parse(run.process.out, nullptr, false);
+  return run;
+}
+
+TEST(PictureLimits, ProbeCallsWhatTheLibraryWouldDropNoFrameAndDecodesNothingLarge) {
+  const std::string small = smallJpeg();
+  struct Case {
+    const char* name;
+    std::string body;
+    const char* verdict;
+    int width;  // 0: unknown
+    std::string problem;
+  };
+  const Case cases[] = {
+      {"JPEG", small, "frame", 16, ""},
+      {"PNG", blackPng(640, 480), "frame", 640, ""},
+      {"JPEG that claims 30000 x 30000", claimSize(small, 30000, 30000), "too large", 30000,
+       "JPEG of 30000x30000, 900 megapixels, more than a camera frame has"},
+      {"PNG of 16000 x 16000", blackPng(16000, 16000), "too large", 16000, "PNG of 16000x16000, 256 megapixels"},
+      {"text", "hello", "undecodable", 0, "neither a JPEG nor a PNG"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ProbeRun run = probeAnswering(c.body);
+    const bool frame = c.verdict == std::string("frame");
+    ASSERT_EQ(frame ? 0 : 1, run.process.status) << run.process.out << run.process.err;
+    EXPECT_EQ(frame, run.line["frame"]);
+    EXPECT_EQ(c.verdict, run.line["verdict"]);
+    EXPECT_EQ(c.body.size(), run.line["bytes"].get<size_t>());
+    if (c.width) EXPECT_EQ(c.width, run.line["width"]);
+    else EXPECT_TRUE(run.line["width"].is_null());
+    if (c.problem.empty()) EXPECT_TRUE(run.line["problem"].is_null()) << run.line["problem"];
+    else EXPECT_HAS(run.line["problem"].get<std::string>(), c.problem) << run.line["problem"];
+  }
+
+  ProbeRun text = probeAnswering(claimSize(small, 30000, 30000), false);
+  EXPECT_EQ(1, text.process.status);
+  EXPECT_HAS(text.process.out, "no frame: JPEG of 30000x30000");
+  EXPECT_HAS(text.process.err, "1 of 1 fetches got pictures larger than a frame may be (64 megapixels)");
 }
 
 }  // namespace
