@@ -1,12 +1,13 @@
 // The zerlan binary: `zerlan serve` driven by curl and python3, its standard-input stream, its
-// signals and summary, and its exit codes for bad command lines and busy ports.
+// signals and summary, its exit codes for bad command lines and busy ports, and zerlan probe.
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "Process.h"
-#include "ScriptedServer.h"
 #include "cli/version.h"
 #include "server/mjpeg.h"
 #include "support.h"
@@ -18,7 +19,6 @@ TEST(Cli, ServesCurlAndPythonThenStopsOnSignal) {
   TempDir dir;
   Child zerlan({"serve", "--port", "0", "--qr", "cli payload"});
   uint16_t port = zerlan.waitForPort(in(10s));
-  ASSERT_NE(port, 0) << zerlan.stderrText();
   const std::string base = "http://127.0.0.1:" + std::to_string(port);
 
   ASSERT_EQ(shell("curl -sS --max-time 5 -D '" + dir.file("headers") + "' -o '" +
@@ -27,10 +27,8 @@ TEST(Cli, ServesCurlAndPythonThenStopsOnSignal) {
   std::string headers = readFile(dir.file("headers"));
   std::string frame = readFile(dir.file("frame.jpg"));
   EXPECT_EQ(headers.substr(0, headers.find("\r\n")), "HTTP/1.1 200 OK");
-  EXPECT_NE(headers.find("Content-Length: " + std::to_string(frame.size()) + "\r\n"),
-            std::string::npos)
-      << headers;
-  EXPECT_EQ(headers.find("chunked"), std::string::npos);
+  EXPECT_HAS(headers, "Content-Length: " + std::to_string(frame.size()) + "\r\n");
+  EXPECT_LACKS(headers, "chunked");
   EXPECT_EQ(readQr(frame), "cli payload");
 
   const std::string script = dir.write("client.py", R"py(
@@ -65,9 +63,9 @@ json.dump({"status": resp.status, "type": resp.getheader("Content-Type"),
   zerlan.signal(SIGTERM);
   EXPECT_EQ(zerlan.wait(in(10s)), 0);
   std::string err = zerlan.stderrText();
-  EXPECT_NE(err.find("stopped (SIGTERM)"), std::string::npos) << err;
-  EXPECT_NE(err.find("3 frames served"), std::string::npos) << err;
-  EXPECT_NE(err.find("QR payload changed to \"from python\""), std::string::npos) << err;
+  EXPECT_HAS(err, "stopped (SIGTERM)");
+  EXPECT_HAS(err, "3 frames served");
+  EXPECT_HAS(err, "QR payload changed to \"from python\"");
 }
 
 TEST(Cli, StreamsStandardInput) {
@@ -84,10 +82,9 @@ TEST(Cli, StreamsStandardInput) {
 
   Child zerlan({"serve", "--port", "0", "--stdin"});
   uint16_t port = zerlan.waitForPort(in(10s));
-  ASSERT_NE(port, 0) << zerlan.stderrText();
   Reply none = get(port, "/frame");
   EXPECT_EQ(none.status, 503);
-  EXPECT_NE(errorReason(none).value_or("").find("no frame yet"), std::string::npos) << none.raw;
+  EXPECT_HAS(errorReason(none).value_or(""), "no frame yet") << none.raw;
   ASSERT_TRUE(zerlan.writeStdin(stream));
   EXPECT_TRUE(eventually([&] { return get(port, "/frame").body == images.back(); }))
       << "the last image of the stream, byte for byte";
@@ -103,105 +100,65 @@ TEST(Cli, StreamsStandardInput) {
 // ever: a CI job must not wait on it.
 TEST(Cli, AStreamThatEndsBeforeItsFirstFrameEndsTheServer) {
   Child zerlan({"serve", "--port", "0", "--stdin"});
-  ASSERT_NE(zerlan.waitForPort(in(10s)), 0) << zerlan.stderrText();
+  zerlan.waitForPort(in(10s));
   zerlan.closeStdin();
   EXPECT_EQ(zerlan.wait(in(10s)), 1);
   const std::string err = zerlan.stderrText();
-  EXPECT_NE(err.find("ended before a complete JPEG arrived: there is nothing to serve"), std::string::npos) << err;
-  EXPECT_NE(err.find("stopped (nothing to serve)"), std::string::npos) << err;
+  EXPECT_HAS(err, "ended before a complete JPEG arrived: there is nothing to serve");
+  EXPECT_HAS(err, "stopped (nothing to serve)");
 }
 
 TEST(Cli, BusyPortIsARuntimeErrorThatSaysWhatHoldsIt) {
   Child first({"serve", "--port", "0"});
   uint16_t port = first.waitForPort(in(10s));
-  ASSERT_NE(port, 0) << first.stderrText();
   const std::string p = std::to_string(port);
   Child second({"serve", "--port", p});
   EXPECT_EQ(second.wait(in(10s)), 1);
-  EXPECT_NE(second.stderrText().find("port " + p + " is in use by another zerlan serve (http://127.0.0.1:" + p +
-                                     "/, serving test pattern"),
-            std::string::npos)
-      << second.stderrText();
-  EXPECT_NE(second.stderrText().find("ss -ltnp 'sport = :" + p + "'"), std::string::npos) << second.stderrText();
+  EXPECT_HAS(second.stderrText(),
+             "port " + p + " is in use by another zerlan serve (http://127.0.0.1:" + p + "/, serving test pattern");
+  EXPECT_HAS(second.stderrText(), "ss -ltnp 'sport = :" + p + "'");
   EXPECT_EQ(get(port, "/frame").status, 200) << "the first server is unharmed";
 
   // Any other web server: an HTML page for every path.
-  zerlan::testing::ScriptedServer web([](int fd) {
-    zerlan::testing::ScriptedServer::readHead(fd);
-    zerlan::testing::ScriptedServer::writeAll(
-        fd, "HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n\r\n<html><body>Not Found</body></html>");
-    return true;
-  });
+  Answering web("HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n\r\n<html><body>Not Found</body></html>");
   Child third({"serve", "--port", std::to_string(web.port())});
   EXPECT_EQ(third.wait(in(10s)), 1);
   const std::string err = third.stderrText();
-  EXPECT_NE(err.find("port " + std::to_string(web.port()) +
-                     " is in use: another program, not a zerlan frame server, listens on 127.0.0.1:" +
-                     std::to_string(web.port()) + " (its GET /status answers HTTP 404)"),
-            std::string::npos)
-      << err;
-  EXPECT_EQ(err.find("zerlan serve ("), std::string::npos) << err;
+  const std::string webPort = std::to_string(web.port());
+  EXPECT_HAS(err, "port " + webPort + " is in use: another program, not a zerlan frame server, listens on 127.0.0.1:" +
+                      webPort + " (its GET /status answers HTTP 404)");
+  EXPECT_LACKS(err, "zerlan serve (");
 
   Child elsewhere({"serve", "--port", "0", "--host", "192.0.2.1"});
   EXPECT_EQ(elsewhere.wait(in(10s)), 1);
-  EXPECT_NE(elsewhere.stderrText().find("is not on this machine"), std::string::npos)
-      << elsewhere.stderrText();
+  EXPECT_HAS(elsewhere.stderrText(), "is not on this machine");
 
   first.signal(SIGINT);
   EXPECT_EQ(first.wait(in(10s)), 0);
 }
 
-TEST(Cli, ServePlaysAScenarioAndReportsEachStepAsItFires) {
-  TempDir dir;
-  const std::string scenario = dir.write(
-      "play.json", "[{\"at\": 0, \"qr\": \"first\"},\n {\"after_fetches\": 1, \"qr\": \"second\"}]");
-  Child zerlan({"serve", "--port", "0", "--step", "--scenario", scenario});
-  uint16_t port = zerlan.waitForPort(in(10s));
-  ASSERT_NE(port, 0) << zerlan.stderrText();
-  ASSERT_TRUE(zerlan.waitForLine("scenario step 1 of 2 (line 1) at ", in(10s))) << zerlan.stderrText();
-  EXPECT_EQ(readQr(get(port, "/frame").body), "first");
-  ASSERT_TRUE(zerlan.waitForLine("scenario step 2 of 2 (line 2) at ", in(10s))) << zerlan.stderrText();
-  EXPECT_TRUE(zerlan.waitForLine("scenario " + scenario + " finished", in(10s)));
-  EXPECT_EQ(readQr(get(port, "/frame").body), "second");
-  zerlan.signal(SIGTERM);
-  EXPECT_EQ(zerlan.wait(in(10s)), 0);
-}
-
 // What a client sends ends up in the terminal's log: a QR payload with a line break cannot
 // forge a line of its own, and one with escape sequences cannot drive the terminal.
-TEST(Cli, ClientTextInTheLogIsEscaped) {
-  Child zerlan({"serve", "--port", "0"});
-  uint16_t port = zerlan.waitForPort(in(10s));
-  ASSERT_NE(port, 0) << zerlan.stderrText();
+void expectClientTextEscaped(Child& zerlan, uint16_t port) {
   const std::string payload = "evil\nzerlan serve: forged line \x1b[2J\x1b]0;title\x07";
   ASSERT_EQ(post(port, "/control", nlohmann::json{{"qr", payload}}.dump()).status, 200);
   ASSERT_TRUE(zerlan.waitForLine("QR payload changed to", in(5s))) << zerlan.stderrText();
   std::string log = zerlan.stderrText();
-  EXPECT_NE(log.find("evil\\x0azerlan serve: forged line \\x1b[2J\\x1b]0;title\\x07"), std::string::npos)
-      << log;
-  EXPECT_EQ(log.find("\nzerlan serve: forged line"), std::string::npos) << "a forged line of its own";
+  EXPECT_HAS(log, "evil\\x0azerlan serve: forged line \\x1b[2J\\x1b]0;title\\x07");
+  EXPECT_LACKS(log, "\nzerlan serve: forged line") << "a forged line of its own";
   EXPECT_EQ(log.find('\x1b'), std::string::npos) << "a raw escape sequence";
-  zerlan.signal(SIGINT);
-  EXPECT_EQ(zerlan.wait(in(10s)), 0);
 }
 
 TEST(Cli, ExitCodesForCommandLines) {
   TempDir dir;
   const std::string text = dir.write("notes.txt", "words");
-  struct Case {
-    std::vector<std::string> args;
-    int code;
-    std::string says;
-  };
+  struct Case { std::vector<std::string> args; int code; std::string says; };
   const Case cases[] = {
       {{"serve", "--help"}, 0, "Exit codes: 0 success"},
       {{"--help"}, 0, "serve"},
       {{}, 2, "serve"},
-      {{"serve", "--bogus"}, 2, "--bogus"},
       {{"frobnicate"}, 2, "frobnicate"},
       {{"serve", "--image", dir.file("missing.jpg")}, 2, "missing.jpg does not exist"},
-      {{"serve", "--image", text}, 2, "is not an image"},
-      {{"serve", "--dir", text}, 2, "is not a folder"},
       {{"serve", "--video", dir.write("still.jpg", solidJpeg(64, 48, {0, 0, 255}))}, 2, "serve it with --image"},
       {{"serve", "--image", text, "--dir", dir.path().string()}, 2, "excludes"},
       {{"serve", "--size", "10x10"}, 2, "out of range"},
@@ -211,7 +168,6 @@ TEST(Cli, ExitCodesForCommandLines) {
       {{"serve", "--port", "70000"}, 2, "70000 is not a port"},
       {{"serve", "--host", "999.1.1.1"}, 2, "is not an IP address"},
       {{"serve", "--host", "camera.example"}, 2, "is not an IP address"},
-      {{"--version"}, 0, ""},
       {{"serve", "--qr", ""}, 2, "QR payload is empty"},
       {{"serve", "--scenario", dir.file("none.json")}, 2, "none.json: no such scenario file"},
       {{"serve", "--scenario", dir.write("bad.json", "[{\"at\": 0, \"qr\": \"A\"},\n {\"at\": 1, \"colour\": 1}]")},
@@ -240,8 +196,7 @@ TEST(Cli, ExitCodesForCommandLines) {
     EXPECT_EQ(zerlan.wait(in(10s)), c.code) << cmd;
     // Help goes to standard output, which the test does not capture; errors to standard error.
     if (c.code != 0) {
-      EXPECT_NE(zerlan.stderrText().find(c.says), std::string::npos) << cmd << ":\n"
-                                                                     << zerlan.stderrText();
+      EXPECT_HAS(zerlan.stderrText(), c.says) << cmd << ":\n" << zerlan.stderrText();
     }
   }
 }
@@ -256,8 +211,8 @@ TEST(Cli, HelpAndVersionAsPeopleAskForThem) {
   }
   auto help = zerlan::testing::runProcess({ZERLAN_BIN, "help"});
   EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("serve"), std::string::npos) << help.out;
-  EXPECT_NE(help.out.find("zerlan help COMMAND"), std::string::npos) << help.out;
+  EXPECT_HAS(help.out, "serve");
+  EXPECT_HAS(help.out, "zerlan help COMMAND");
   auto ctlHelp = zerlan::testing::runProcess({ZERLAN_BIN, "help", "ctl"});
   EXPECT_EQ(ctlHelp.status, 0);
   EXPECT_EQ(ctlHelp.out, zerlan::testing::runProcess({ZERLAN_BIN, "ctl", "--help"}).out);
@@ -269,14 +224,14 @@ TEST(Cli, VerboseBackgroundAndLogFile) {
   TempDir dir;
   Child verbose({"serve", "--port", "0", "-v"});
   uint16_t port = verbose.waitForPort(in(10s));
-  ASSERT_NE(port, 0) << verbose.stderrText();
   EXPECT_EQ(get(port, "/frame").status, 200);
   EXPECT_EQ(get(port, "/nope").status, 404);
   EXPECT_TRUE(verbose.waitForLine("GET /nope from 127.0.0.1:", in(5s))) << verbose.stderrText();
   const std::string said = verbose.stderrText();
-  EXPECT_NE(said.find("GET /frame from 127.0.0.1:"), std::string::npos) << said;
-  EXPECT_NE(said.find(": 200, frame index "), std::string::npos) << said;
-  EXPECT_NE(said.find(": 404, "), std::string::npos) << said;
+  EXPECT_HAS(said, "GET /frame from 127.0.0.1:");
+  EXPECT_HAS(said, ": 200, frame index ");
+  EXPECT_HAS(said, ": 404, ");
+  expectClientTextEscaped(verbose, port);
   verbose.signal(SIGTERM);
   EXPECT_EQ(verbose.wait(in(10s)), 0);
 
@@ -299,13 +254,144 @@ TEST(Cli, VerboseBackgroundAndLogFile) {
       {ZERLAN_BIN, "serve", "--port", std::to_string(bgPort), "--background", "--log", dir.file("second.log")});
   EXPECT_EQ(busy.status, 1);
   EXPECT_EQ(busy.out, "") << "no process ID";
-  EXPECT_NE(busy.err.find("is in use by another zerlan serve"), std::string::npos) << busy.err;
+  EXPECT_HAS(busy.err, "is in use by another zerlan serve");
   auto missing = zerlan::testing::runProcess({ZERLAN_BIN, "serve", "--background", "--image", dir.file("none.jpg")});
   EXPECT_EQ(missing.status, 2) << missing.err;
 
   ::kill(pid, SIGTERM);
   EXPECT_TRUE(eventually([&] { return readFile(log).find("stopped (SIGTERM)") != std::string::npos; }, 10s))
       << readFile(log);
+}
+
+// zerlan probe fetches with the library's own transport and reports each fetch.
+std::vector<nlohmann::json> jsonLines(const std::string& out) {
+  std::vector<nlohmann::json> lines;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) lines.push_back(nlohmann::json::parse(line));
+  return lines;
+}
+
+zerlan::testing::ProcessResult probe(uint16_t port, std::vector<std::string> extra = {}) {
+  std::vector<std::string> argv = {ZERLAN_BIN, "probe", "--json", "--interval-ms", "0", "--port",
+                                   std::to_string(port)};
+  argv.insert(argv.end(), extra.begin(), extra.end());
+  return zerlan::testing::runProcess(argv);
+}
+
+// Without --port it fetches where the library would.
+TEST(Probe, ReportsEachFrameOfARunningServer) {
+  RunningServer running = startServer();
+  TempDir dir;
+  auto run = zerlan::testing::runProcess(
+      {ZERLAN_BIN, "probe", "--json", "--interval-ms", "0", "--count", "3", "--save", dir.file("last.jpg")},
+      {{"ZERLAN_FRAME_PORT", std::to_string(running.port())}});
+  ASSERT_EQ(0, run.status) << run.err;
+  auto lines = jsonLines(run.out);
+  ASSERT_EQ(3u, lines.size());
+  for (const auto& line : lines) {
+    EXPECT_EQ(true, line["frame"]);
+    EXPECT_GT(line["bytes"].get<long>(), 1000);
+    EXPECT_GE(line["ms"].get<double>(), 0.0);
+    EXPECT_EQ(640, line["width"]);
+    EXPECT_EQ(480, line["height"]);
+    EXPECT_EQ("zerlan", line["qr"]);
+  }
+  std::string saved = readFile(dir.file("last.jpg"));
+  EXPECT_EQ(lines.back()["bytes"].get<size_t>(), saved.size());
+  EXPECT_EQ(std::optional<std::string>("zerlan"), readQr(saved));
+}
+
+// --json carries the verdicts the text gives, and the exit status follows what the app would get:
+// bytes the library drops are no frame.
+TEST(Probe, JsonVerdictsAndTheExitStatusFollowWhatTheAppWouldGet) {
+  const uint16_t closed = zerlan::testing::closedPort();
+  auto down = probe(closed, {"--count", "2"});
+  EXPECT_EQ(1, down.status);
+  auto lines = jsonLines(down.out);
+  ASSERT_EQ(2u, lines.size());
+  EXPECT_EQ(false, lines[0]["frame"]);
+  EXPECT_EQ("no server", lines[0]["verdict"]);
+  EXPECT_EQ(0, lines[0]["bytes"]);
+  EXPECT_TRUE(lines[0]["width"].is_null());
+  EXPECT_TRUE(lines[0]["qr"].is_null());
+  EXPECT_HAS(down.err, "zerlan probe: 2 of 2 fetches got no frame: nothing listens on 127.0.0.1:" +
+                          std::to_string(closed) + " (start the frame server with 'zerlan serve')");
+
+  Answering text("HTTP/1.0 200 OK\r\n\r\nhello");
+  auto notImage = probe(text.port());
+  EXPECT_EQ(1, notImage.status) << "the library drops what does not decode: no frame for the app";
+  auto line = jsonLines(notImage.out).at(0);
+  EXPECT_EQ(false, line["frame"]);
+  EXPECT_EQ("undecodable", line["verdict"]);
+  EXPECT_EQ(5, line["bytes"]);
+  EXPECT_TRUE(line["width"].is_null());
+  EXPECT_TRUE(line["height"].is_null());
+  EXPECT_HAS(notImage.err, "bytes that are no JPEG, which the library drops");
+  auto asText = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(text.port())});
+  EXPECT_EQ(1, asText.status);
+  EXPECT_HAS(asText.out, "5 bytes in ");
+  EXPECT_HAS(asText.out, "no JPEG the library can decode");
+
+  // A zerlan server with a fault in force: each verdict in turn.
+  RunningServer running = startServer();
+  ASSERT_EQ(200, post(running.port(), "/control", R"({"fault": "garbage", "requests": 1})").status);
+  auto garbage = probe(running.port(), {"--count", "2"});
+  EXPECT_EQ(1, garbage.status);
+  auto both = jsonLines(garbage.out);
+  ASSERT_EQ(2u, both.size());
+  EXPECT_EQ("undecodable", both[0]["verdict"]);
+  EXPECT_EQ("frame", both[1]["verdict"]);
+  EXPECT_EQ(true, both[1]["frame"]);
+  EXPECT_HAS(garbage.err, "1 of 2 fetches got bytes that are no JPEG");
+  EXPECT_HAS(garbage.err, "a frame server answers on port");
+  ASSERT_EQ(200, post(running.port(), "/control", R"({"fault": "http-error", "requests": 1})").status);
+  auto refused = probe(running.port());
+  EXPECT_EQ(1, refused.status);
+  EXPECT_EQ("no frame", jsonLines(refused.out).at(0)["verdict"]);
+}
+
+TEST(Probe, SaysWhereTheFrameWentAndSumsUpSeveralFetches) {
+  RunningServer running = startServer();
+  TempDir dir;
+  std::vector<std::string> argv = {ZERLAN_BIN, "probe", "--interval-ms", "0", "--port",
+                                   std::to_string(running.port()), "--count", "3", "--save",
+                                   dir.file("frame.jpg")};
+  auto run = zerlan::testing::runProcess(argv);
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_HAS(run.out, "saved the last frame to " + dir.file("frame.jpg"));
+  EXPECT_HAS(run.out, "3 fetches: 3 frames, 0 without");
+
+  // A path that cannot be written is refused before anything is fetched, and nothing is made.
+  const std::string badPaths[] = {dir.file(""), dir.file("missing/frame.jpg")};
+  for (const std::string& bad : badPaths) {
+    argv.back() = bad;
+    auto refused = zerlan::testing::runProcess(argv);
+    EXPECT_EQ(2, refused.status) << bad;
+    EXPECT_HAS(refused.err, "--save " + bad);
+    EXPECT_LACKS(refused.out, "fetch 1");
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir.file("missing")));
+}
+
+TEST(Probe, TellsNoServerFromAServerThatGaveNoFrame) {
+  Answering busy("HTTP/1.1 503 Service Unavailable\r\n\r\nno frame yet");
+  auto noFrame = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(busy.port())});
+  EXPECT_EQ(1, noFrame.status);
+  EXPECT_HAS(noFrame.out, "although a server answers there");
+  EXPECT_HAS(noFrame.err, "another program, not a zerlan frame server, listens on 127.0.0.1:" +
+                              std::to_string(busy.port()) + " (its GET /status answers HTTP 503)");
+
+  // ZERLAN_FRAME_PORT that names no port is ignored, as the library ignores it, but not silently.
+  auto ignored = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--json", "--port", std::to_string(busy.port())},
+                                             {{"ZERLAN_FRAME_PORT", "abc"}});
+  EXPECT_LACKS(ignored.err, "ZERLAN_FRAME_PORT") << "--port was given: " << ignored.err;
+  // It then fetches from 47654, which is the machine's: in a network of its own.
+  const std::string ownNetwork = ZERLAN_SOURCE_DIR "/tests/support/own-network";
+  auto fallback = zerlan::testing::runProcess({ownNetwork, ZERLAN_BIN, "probe", "--json"}, {{"ZERLAN_FRAME_PORT", "abc"}});
+  if (fallback.status == 77) GTEST_SKIP() << fallback.err;
+  EXPECT_EQ(1, fallback.status) << "nothing listens in a network of its own";
+  EXPECT_HAS(fallback.err, "zerlan probe: ZERLAN_FRAME_PORT=abc is not a port (1 to 65535), so the library would "
+                           "ignore it too: using 47654");
 }
 
 }  // namespace
