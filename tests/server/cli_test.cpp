@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "Pictures.h"
 #include "Process.h"
 #include "cli/version.h"
 #include "server/mjpeg.h"
@@ -317,21 +318,6 @@ TEST(Probe, JsonVerdictsAndTheExitStatusFollowWhatTheAppWouldGet) {
   EXPECT_HAS(down.err, "zerlan probe: 2 of 2 fetches got no frame: nothing listens on 127.0.0.1:" +
                           std::to_string(closed) + " (start the frame server with 'zerlan serve')");
 
-  Answering text("HTTP/1.0 200 OK\r\n\r\nhello");
-  auto notImage = probe(text.port());
-  EXPECT_EQ(1, notImage.status) << "the library drops what does not decode: no frame for the app";
-  auto line = jsonLines(notImage.out).at(0);
-  EXPECT_EQ(false, line["frame"]);
-  EXPECT_EQ("undecodable", line["verdict"]);
-  EXPECT_EQ(5, line["bytes"]);
-  EXPECT_TRUE(line["width"].is_null());
-  EXPECT_TRUE(line["height"].is_null());
-  EXPECT_HAS(notImage.err, "bytes that are no JPEG, which the library drops");
-  auto asText = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(text.port())});
-  EXPECT_EQ(1, asText.status);
-  EXPECT_HAS(asText.out, "5 bytes in ");
-  EXPECT_HAS(asText.out, "no JPEG the library can decode");
-
   // A zerlan server with a fault in force: each verdict in turn.
   RunningServer running = startServer();
   ASSERT_EQ(200, post(running.port(), "/control", R"({"fault": "garbage", "requests": 1})").status);
@@ -348,6 +334,61 @@ TEST(Probe, JsonVerdictsAndTheExitStatusFollowWhatTheAppWouldGet) {
   auto refused = probe(running.port());
   EXPECT_EQ(1, refused.status);
   EXPECT_EQ("no frame", jsonLines(refused.out).at(0)["verdict"]);
+}
+
+// What the library would drop is no frame (exit 1), and a picture too large for a frame is not
+// decoded to say so.
+TEST(Probe, EachKindOfAnswerGetsItsVerdictAsJsonAndAsText) {
+  const std::string small = solidJpeg(16, 16, {0, 0, 255});
+  struct Case {
+    const char* name;
+    std::string body;
+    const char* verdict;
+    int width;  // 0: unknown
+    std::string problem;
+  };
+  const Case cases[] = {
+      {"JPEG", small, "frame", 16, ""},
+      {"PNG", testing::blackPng(640, 480), "frame", 640, ""},
+      {"JPEG that claims 30000 x 30000", testing::claimSize(small, 30000, 30000), "too large", 30000,
+       "JPEG of 30000x30000, 900 megapixels, more than a camera frame has"},
+      {"PNG of 16000 x 16000", testing::blackPng(16000, 16000), "too large", 16000,
+       "PNG of 16000x16000, 256 megapixels"},
+      {"text", "hello", "undecodable", 0, "neither a JPEG nor a PNG"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Answering server("HTTP/1.1 200 OK\r\nContent-Type: image/jpeg\r\n\r\n" + c.body);
+    auto run = probe(server.port());
+    const auto line = nlohmann::json::parse(run.out, nullptr, false);
+    const bool frame = c.verdict == std::string("frame");
+    ASSERT_EQ(frame ? 0 : 1, run.status) << run.out << run.err;
+    EXPECT_EQ(frame, line["frame"]);
+    EXPECT_EQ(c.verdict, line["verdict"]);
+    EXPECT_EQ(c.body.size(), line["bytes"].get<size_t>());
+    if (c.width) {
+      EXPECT_EQ(c.width, line["width"]);
+    } else {
+      EXPECT_TRUE(line["width"].is_null());
+      EXPECT_TRUE(line["height"].is_null());
+    }
+    if (c.problem.empty()) EXPECT_TRUE(line["problem"].is_null()) << line["problem"];
+    else EXPECT_HAS(line["problem"].get<std::string>(), c.problem);
+  }
+
+  const std::tuple<std::string, std::vector<std::string>, std::string> asText[] = {
+      {"hello", {"5 bytes in ", "no JPEG the library can decode"},
+       "1 of 1 fetches got bytes that are no JPEG, which the library drops"},
+      {testing::claimSize(small, 30000, 30000), {"no frame: JPEG of 30000x30000"},
+       "1 of 1 fetches got pictures larger than a frame may be (64 megapixels)"},
+  };
+  for (const auto& [body, says, summary] : asText) {
+    Answering server("HTTP/1.0 200 OK\r\n\r\n" + body);
+    auto run = zerlan::testing::runProcess({ZERLAN_BIN, "probe", "--port", std::to_string(server.port())});
+    EXPECT_EQ(1, run.status) << "the library drops it: no frame for the app";
+    for (const std::string& part : says) EXPECT_HAS(run.out, part);
+    EXPECT_HAS(run.err, summary);
+  }
 }
 
 TEST(Probe, SaysWhereTheFrameWentAndSumsUpSeveralFetches) {

@@ -11,7 +11,6 @@
 #include <set>
 
 #include "Pictures.h"
-#include "Process.h"
 #include "support.h"
 
 namespace zerlan::test {
@@ -374,55 +373,6 @@ TEST(PictureLimits, AStreamSkipsAFrameLargerThanAFrameMayBe) {
   s.server->stop();
   ::close(fds[1]);
   ::close(fds[0]);
-}
-
-// zerlan probe against a server that answers every fetch with `body`.
-struct ProbeRun { zerlan::testing::ProcessResult process; nlohmann::json line; };
-
-ProbeRun probeAnswering(const std::string& body, bool json = true) {
-  Answering server("HTTP/1.1 200 OK\r\nContent-Type: image/jpeg\r\n\r\n" + body);
-  std::vector<std::string> argv = {ZERLAN_BIN, "probe", "--port", std::to_string(server.port())};
-  if (json) argv.push_back("--json");
-  ProbeRun run{zerlan::testing::runProcess(argv), {}};
-  if (json) run.line = nlohmann::json::parse(run.process.out, nullptr, false);
-  return run;
-}
-
-TEST(PictureLimits, ProbeCallsWhatTheLibraryWouldDropNoFrameAndDecodesNothingLarge) {
-  const std::string small = smallJpeg();
-  struct Case {
-    const char* name;
-    std::string body;
-    const char* verdict;
-    int width;  // 0: unknown
-    std::string problem;
-  };
-  const Case cases[] = {
-      {"JPEG", small, "frame", 16, ""},
-      {"PNG", blackPng(640, 480), "frame", 640, ""},
-      {"JPEG that claims 30000 x 30000", claimSize(small, 30000, 30000), "too large", 30000,
-       "JPEG of 30000x30000, 900 megapixels, more than a camera frame has"},
-      {"PNG of 16000 x 16000", blackPng(16000, 16000), "too large", 16000, "PNG of 16000x16000, 256 megapixels"},
-      {"text", "hello", "undecodable", 0, "neither a JPEG nor a PNG"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ProbeRun run = probeAnswering(c.body);
-    const bool frame = c.verdict == std::string("frame");
-    ASSERT_EQ(frame ? 0 : 1, run.process.status) << run.process.out << run.process.err;
-    EXPECT_EQ(frame, run.line["frame"]);
-    EXPECT_EQ(c.verdict, run.line["verdict"]);
-    EXPECT_EQ(c.body.size(), run.line["bytes"].get<size_t>());
-    if (c.width) EXPECT_EQ(c.width, run.line["width"]);
-    else EXPECT_TRUE(run.line["width"].is_null());
-    if (c.problem.empty()) EXPECT_TRUE(run.line["problem"].is_null()) << run.line["problem"];
-    else EXPECT_HAS(run.line["problem"].get<std::string>(), c.problem) << run.line["problem"];
-  }
-
-  ProbeRun text = probeAnswering(claimSize(small, 30000, 30000), false);
-  EXPECT_EQ(1, text.process.status);
-  EXPECT_HAS(text.process.out, "no frame: JPEG of 30000x30000");
-  EXPECT_HAS(text.process.err, "1 of 1 fetches got pictures larger than a frame may be (64 megapixels)");
 }
 
 }  // namespace
