@@ -86,7 +86,10 @@ TEST(Cli, StreamsStandardInput) {
   Reply none = get(port, "/frame");
   EXPECT_EQ(none.status, 503);
   EXPECT_HAS(errorReason(none).value_or(""), "no frame yet") << none.raw;
-  ASSERT_TRUE(zerlan.writeStdin(stream));
+  // The first image alone, then the rest: each replaces the one before.
+  ASSERT_TRUE(zerlan.writeStdin(images[0]));
+  EXPECT_TRUE(eventually([&] { return get(port, "/frame").body == images[0]; }));
+  ASSERT_TRUE(zerlan.writeStdin(stream.substr(images[0].size())));
   EXPECT_TRUE(eventually([&] { return get(port, "/frame").body == images.back(); }))
       << "the last image of the stream, byte for byte";
   zerlan.closeStdin();
