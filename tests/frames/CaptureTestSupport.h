@@ -7,6 +7,8 @@
 
 #include "transport/FetchJPEG.h"
 
+#include "Process.h"
+
 #include <fakesdk/dispatch_np.h>
 #include <fakesdk/objc_np.h>
 
@@ -15,26 +17,18 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdlib>
-#include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
-#include <chrono>
-#include <memory>
-#include <thread>
 
 namespace capture_test {
 
 using namespace zerlan::objc;
+using zerlan::testing::buildDir, zerlan::testing::spawnLogged, zerlan::testing::stopChild, zerlan::testing::waitFor;
+using namespace std::chrono_literals;
 
 // ---- Frames
 
@@ -179,21 +173,13 @@ void record(id self, SEL, id output, Second second, id third)
 }
 
 // The photo callback that iOS 11 superseded, and the capture-start callback: an older photo
-// delegate's.
-inline void recordOlderPhoto(id self, SEL, id output, CMSampleBufferRef photo, CMSampleBufferRef, id, id, id error)
+// delegate's, noted by their output alone.
+template <typename... Rest>
+void recordOther(id self, SEL, id output, Rest...)
 {
     Recording *r = *ivarPointer<Recording *>(self, "_recording");
     std::lock_guard guard(r->lock);
-    r->others.push_back({output, error, Strong<>::retain(bridge(photo)), 0, gettid() == getpid(),
-                         dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL)});
-}
-
-inline void recordWillBegin(id self, SEL, id output, id resolvedSettings)
-{
-    Recording *r = *ivarPointer<Recording *>(self, "_recording");
-    std::lock_guard guard(r->lock);
-    r->others.push_back({output, nil, Strong<>::retain(resolvedSettings), 0, gettid() == getpid(),
-                         dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL)});
+    r->others.push_back({output, nil, nullptr, 0, gettid() == getpid(), dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL)});
 }
 
 // One delegate class with all three callbacks, and one that knows only older photo callbacks.
@@ -214,11 +200,12 @@ inline Class recorderClass(bool photoCallback)
                                 imp(record<&Recording::photos, id>), "v@:@@@");
             else {
                 class_addMethod(c, sel_registerName("captureOutput:willBeginCaptureForResolvedSettings:"),
-                                imp(recordWillBegin), "v@:@@");
+                                imp(recordOther<id>), "v@:@@");
                 class_addMethod(c,
                                 sel_registerName("captureOutput:didFinishProcessingPhotoSampleBuffer:"
                                                  "previewPhotoSampleBuffer:resolvedSettings:bracketSettings:error:"),
-                                imp(recordOlderPhoto), "v@:@^{opaqueCMSampleBuffer=}^{opaqueCMSampleBuffer=}@@@");
+                                imp(recordOther<CMSampleBufferRef, CMSampleBufferRef, id, id, id>),
+                                "v@:@^{opaqueCMSampleBuffer=}^{opaqueCMSampleBuffer=}@@@");
             }
             objc_registerClassPair(c);
             return c;
@@ -290,19 +277,6 @@ inline bool runMainUntil(double seconds, std::function<bool()> condition)
     });
 }
 
-// Waits on this thread without running its run loop (it may be the main thread, busy) until the
-// condition holds (true) or the deadline passes (false).
-inline bool waitUntil(double seconds, std::function<bool()> condition)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 // Runs the main queue until everything submitted to it before this call has run.
 inline bool drainMainQueue(double seconds = 5)
 {
@@ -317,9 +291,9 @@ inline bool drainMainQueue(double seconds = 5)
 
 // ---- The frame server on 127.0.0.1:47654 (tests that use it run in a network namespace of their own)
 
+// Serves the JPEG bytes unchanged (`zerlan serve --image`) until stopped.
 class FrameServer {
 public:
-    // Serves the JPEG bytes unchanged (`zerlan serve --image`) until stopped.
     explicit FrameServer(const std::vector<uint8_t> &jpeg) : jpeg_(jpeg)
     {
         char path[] = "/tmp/zerlan-capture-test-XXXXXX.jpg";
@@ -327,63 +301,23 @@ public:
         EXPECT_EQ(ssize_t(jpeg.size()), ::write(fd, jpeg.data(), jpeg.size()));
         ::close(fd);
         file_ = path;
-        // The server must not outlive a test that crashes or is killed on a timeout: setpriv gives
-        // it a death signal. Spawned, not forked: a forked child of this many-threaded process can
-        // hang before its exec under ThreadSanitizer.
-        std::string binary = buildDir() + "/bin/zerlan";
-        std::vector<std::string> argv{"/usr/bin/setpriv", "--pdeathsig", "KILL", "--", binary, "serve",
-                                      "--port",           "47654",       "--image", file_};
-        std::vector<char *> raw;
-        for (std::string &arg : argv)
-            raw.push_back(arg.data());
-        raw.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        if (posix_spawn(&pid_, raw[0], &actions, nullptr, raw.data(), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        pid_ = spawnLogged({buildDir() + "/bin/zerlan", "serve", "--port", "47654", "--image", file_}, "/dev/null");
     }
-
-    static std::string buildDir()
-    {
-        if (const char *dir = std::getenv("ZERLAN_BUILD_DIR"))
-            return dir;
-        char exe[4096] = {};
-        ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-        std::string path(exe, n > 0 ? size_t(n) : 0);
-        return path.substr(0, path.rfind("/tests/"));
-    }
-
-    // Whether this server answered with its picture before the deadline (another process on the
-    // port answers with something else).
-    bool waitUntilServing(double seconds = 10)
-    {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        while (std::chrono::steady_clock::now() < deadline) {
-            Strong<> frame = ZerlanFetchJPEG();
-            if (frame && bytesOf(frame) == jpeg_)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
-
     ~FrameServer()
     {
         stop();
         ::unlink(file_.c_str());
     }
 
-    void stop()
+    // Whether this server answered with its picture before the deadline (another process on the
+    // port answers with something else).
+    bool waitUntilServing()
     {
-        if (pid_ > 0) {
-            // Gone at once, as a crashed or unplugged server would be.
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
+        return waitFor([&] { return bytesOf(ZerlanFetchJPEG()) == jpeg_; }, std::chrono::seconds(10));
     }
+
+    // Gone at once, as a crashed or unplugged server would be.
+    void stop() { stopChild(pid_, SIGKILL); }
 
 private:
     std::vector<uint8_t> jpeg_;

@@ -48,13 +48,7 @@ std::string builtOn(CMSampleBufferRef buffer)
     return found == gBuiltOn.end() ? "<not made by the platform's call>" : found->second;
 }
 
-// Answers with a 200 whose body is not an image.
-bool answerGarbage(int fd)
-{
-    ScriptedServer::readHead(fd);
-    ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nthis is not a picture");
-    return true;
-}
+const char *const kNoImage = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nthis is not a picture";
 
 class PollTest : public ::testing::Test {
 protected:
@@ -80,7 +74,7 @@ protected:
 // Declared first: a frame that decodes must not have been seen earlier in this process.
 TEST_F(PollTest, BytesThatAreNoImageReachNobody)
 {
-    ScriptedServer server(answerGarbage, zerlan::transport::kFramePort);
+    ScriptedServer server(ScriptedServer::answering(kNoImage), zerlan::transport::kFramePort);
     ASSERT_TRUE(server.listening()) << "port 47654 is busy";
     send<void>(app_.session.get(), sel<"startRunning">());
     ASSERT_TRUE(runMainUntil(10, [&] { return server.connections() >= 3; })) << "polling goes on after a bad frame";
@@ -95,10 +89,10 @@ TEST_F(PollTest, PollingNeedsNothingFromTheMainThread)
 {
     // A fetch blocks for as long as the server takes: on the main queue it would freeze the app.
     // This thread stands for a busy main thread and never runs its loop, yet polling goes on.
-    ScriptedServer server(answerGarbage, zerlan::transport::kFramePort);
+    ScriptedServer server(ScriptedServer::answering(kNoImage), zerlan::transport::kFramePort);
     ASSERT_TRUE(server.listening()) << "port 47654 is busy";
     send<void>(app_.session.get(), sel<"startRunning">());
-    EXPECT_TRUE(waitUntil(20, [&] { return server.connections() >= 3; }))
+    EXPECT_TRUE(waitFor([&] { return server.connections() >= 3; }, 20s))
         << "poll cycles, and the pauses between them, ran without the main queue";
 }
 

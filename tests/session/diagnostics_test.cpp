@@ -74,12 +74,7 @@ TEST(DIAGNOSTICS_SUITE, PickerLinesOnlyWithZerlanDebug)
     {
         // A frame port that answers 200 with 13 bytes that are no picture.
         zerlan::testing::ScriptedServer notAPicture(
-            [](int fd) {
-                zerlan::testing::ScriptedServer::readHead(fd);
-                zerlan::testing::ScriptedServer::writeAll(fd, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nnot a picture");
-                return true;
-            },
-            47654);
+            zerlan::testing::ScriptedServer::answering("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nnot a picture"), 47654);
         id screen = app.present(picker.get());
         ASSERT_TRUE(stopPolling(screen));
         send<void>(screen, sel<"requestFrame">());

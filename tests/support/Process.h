@@ -1,16 +1,20 @@
-// Runs a program of the build to completion with a chosen environment and collects its output.
+// Runs a program of the build to completion with a chosen environment and collects its output;
+// starts one that runs beside the test; waits for a condition.
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char **environ;
@@ -105,6 +109,50 @@ inline ProcessResult runProcess(const std::vector<std::string> &argv, const std:
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.maxResidentKb = usage.ru_maxrss;
     return result;
+}
+
+// Polls the condition until it holds (true) or the limit has passed (false).
+template <typename Condition>
+inline bool waitFor(Condition condition, std::chrono::steady_clock::duration limit)
+{
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// Starts argv[0] beside the test, its standard error written to `log`; the child's pid, or -1.
+// It must not outlive a test that crashes or is killed on a time-out: setpriv gives it a death
+// signal, sent when the thread that started it ends. Spawned, not forked: a forked child of a
+// many-threaded process can hang before its exec under ThreadSanitizer.
+inline pid_t spawnLogged(std::vector<std::string> argv, const std::string &log)
+{
+    argv.insert(argv.begin(), {"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"});
+    std::vector<char *> raw;
+    for (auto &s : argv)
+        raw.push_back(s.data());
+    raw.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, raw[0], &actions, nullptr, raw.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// Ends a child started with spawnLogged and reaps it.
+inline void stopChild(pid_t &pid, int signal)
+{
+    if (pid <= 0)
+        return;
+    kill(pid, signal);
+    waitpid(pid, nullptr, 0);
+    pid = -1;
 }
 
 } // namespace zerlan::testing

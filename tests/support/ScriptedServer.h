@@ -61,6 +61,16 @@ public:
         return head;
     }
 
+    // A script that answers the request with the bytes.
+    static Script answering(std::string response)
+    {
+        return [response](int fd) {
+            readHead(fd);
+            writeAll(fd, response);
+            return true;
+        };
+    }
+
     static void writeAll(int fd, const std::string &bytes)
     {
         size_t done = 0;
