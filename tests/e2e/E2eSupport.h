@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -82,26 +83,6 @@ inline bool somethingListens()
     return listening;
 }
 
-inline long framesServed()
-{
-    HttpAnswer status = http("GET", "/status");
-    if (status.status != 200)
-        return -1;
-    return nlohmann::json::parse(status.body).value("frames_served", -1L);
-}
-
-template <typename Condition>
-inline bool waitFor(Condition condition, Clock::duration limit)
-{
-    auto deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
 inline std::string readFile(const fs::path &path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -110,32 +91,28 @@ inline std::string readFile(const fs::path &path)
     return text.str();
 }
 
-// `zerlan serve` on the frame port, stopped with SIGTERM (or killed) when the test is done.
-// Starts argv[0] with its standard error written to `log`; the child's pid, or -1.
-inline pid_t spawnLogged(std::vector<std::string> argv, const fs::path &log)
-{
-    std::vector<char *> raw;
-    for (auto &s : argv)
-        raw.push_back(s.data());
-    raw.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, raw[0], &actions, nullptr, raw.data(), environ) != 0)
-        pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
+// `zerlan serve` with the options until the test is done (SIGTERM): on the frame port, or on
+// port 0 with the port it picked read from its start line.
 class FrameServer {
 public:
-    explicit FrameServer(std::vector<std::string> args)
+    explicit FrameServer(std::vector<std::string> options, uint16_t port = kFramePort) : port_(port)
     {
-        std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", std::to_string(kFramePort)};
-        argv.insert(argv.end(), args.begin(), args.end());
-        log_ = fs::temp_directory_path() / ("zerlan-e2e-serve-" + std::to_string(getpid()) + ".log");
+        static std::atomic<int> made{0};
+        log_ = fs::temp_directory_path()
+            / ("zerlan-e2e-serve-" + std::to_string(getpid()) + "-" + std::to_string(made++) + ".log");
+        std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", std::to_string(port)};
+        argv.insert(argv.end(), options.begin(), options.end());
         pid_ = spawnLogged(argv, log_);
+        std::regex listening("listening on http://127\\.0\\.0\\.1:([0-9]+)/");
+        waitFor(
+            [&] {
+                std::smatch m;
+                std::string text = log();
+                if (port_ == 0 && std::regex_search(text, m, listening))
+                    port_ = static_cast<uint16_t>(std::stoi(m[1]));
+                return port_ != 0 || pid_ <= 0;
+            },
+            10s);
     }
     ~FrameServer()
     {
@@ -150,81 +127,70 @@ public:
         bool exited = false;
         waitFor(
             [&] {
-                int status = 0;
-                exited = pid_ <= 0 || waitpid(pid_, &status, WNOHANG) == pid_;
-                return exited || http("GET", "/frame").status == 200;
+                exited = pid_ <= 0 || waitpid(pid_, nullptr, WNOHANG) == pid_;
+                return exited || request("GET", "/frame").status == 200;
             },
             10s);
         if (exited)
             pid_ = -1;
-        return !exited && http("GET", "/frame").status == 200;
+        return !exited && request("GET", "/frame").status == 200;
     }
 
-    void stop(int signal)
-    {
-        if (pid_ <= 0)
-            return;
-        kill(pid_, signal);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-    }
-
-    std::string log() const { return readFile(log_); }
-
-private:
-    pid_t pid_ = -1;
-    fs::path log_;
-};
-
-// `zerlan serve --port 0` in step mode (every frame of a step is the same bytes), with more
-// options if given, its port read from its start line.
-class StepServer {
-public:
-    explicit StepServer(std::vector<std::string> options = {})
-    {
-        static std::atomic<int> made{0};
-        log_ = fs::temp_directory_path()
-            / ("zerlan-e2e-step-" + std::to_string(getpid()) + "-" + std::to_string(made++) + ".log");
-        std::vector<std::string> argv{buildDir() + "/bin/zerlan", "serve", "--port", "0", "--step"};
-        argv.insert(argv.end(), options.begin(), options.end());
-        pid_ = spawnLogged(argv, log_);
-        std::regex listening("listening on http://127\\.0\\.0\\.1:([0-9]+)/");
-        waitFor(
-            [&] {
-                std::smatch m;
-                std::string text = log();
-                if (std::regex_search(text, m, listening))
-                    port_ = static_cast<uint16_t>(std::stoi(m[1]));
-                return port_ != 0 || pid_ <= 0;
-            },
-            10s);
-    }
-    ~StepServer()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            int status = 0;
-            waitpid(pid_, &status, 0);
-        }
-        fs::remove(log_);
-    }
-
+    void stop(int signal) { stopChild(pid_, signal); }
     uint16_t port() const { return port_; }
     std::string log() const { return readFile(log_); }
-
     HttpAnswer request(const std::string &method, const std::string &path, const std::string &body = {}) const
     {
         return http(port_, method, path, body);
     }
     nlohmann::json status() const { return nlohmann::json::parse(request("GET", "/status").body, nullptr, false); }
-    long served() const { return status().value("frames_served", -1L); }
+    long served() const
+    {
+        nlohmann::json now = status();
+        return now.is_object() ? now.value("frames_served", -1L) : -1;
+    }
 
 private:
     pid_t pid_ = -1;
-    uint16_t port_ = 0;
+    uint16_t port_;
     fs::path log_;
 };
+
+// ffprobe's view of a movie: codec, size and bit rate of its streams, the container's brand and
+// duration.
+inline nlohmann::json ffprobe(const fs::path &movie)
+{
+    ProcessResult probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries",
+                                      "stream=codec_type,codec_name,width,height,bit_rate:format=duration:format_tags=major_brand",
+                                      "-of", "json", movie.string()});
+    return nlohmann::json::parse(probe.out, nullptr, false);
+}
+
+// The processes of this machine as /proc shows them.
+struct ProcessEntry {
+    pid_t pid, parent, group;
+    std::string name;
+};
+
+inline std::vector<ProcessEntry> processes()
+{
+    std::vector<ProcessEntry> found;
+    for (const auto &entry : fs::directory_iterator("/proc")) {
+        if (!std::isdigit(static_cast<unsigned char>(entry.path().filename().string()[0])))
+            continue; // self, thread-self and what is not a process
+        const std::string stat = readFile(entry.path() / "stat");
+        size_t open = stat.find('('), close = stat.rfind(')');
+        char state = 0;
+        ProcessEntry p{0, 0, 0, {}};
+        if (open != std::string::npos && close != std::string::npos
+            && std::sscanf(stat.c_str() + close + 1, " %c %d %d", &state, &p.parent, &p.group) == 3) {
+            p.pid = std::stoi(entry.path().filename().string());
+            p.name = stat.substr(open + 1, close - open - 1);
+            found.push_back(p);
+        }
+    }
+    return found;
+}
 
 struct AppRun {
     ProcessResult process;

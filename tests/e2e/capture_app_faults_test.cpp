@@ -27,7 +27,7 @@ protected:
 TEST_P(CaptureAppFaults, NoCrashTheLastGoodFrameIsKeptAndFramesResume)
 {
     const std::string kind = GetParam();
-    StepServer server;
+    FrameServer server({"--step"}, 0);
     ASSERT_NE(server.port(), 0) << server.log();
     const HttpAnswer good = server.request("GET", "/frame");
     ASSERT_EQ(good.status, 200);

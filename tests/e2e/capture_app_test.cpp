@@ -99,7 +99,7 @@ TEST_F(CaptureAppTest, PayloadChangesThroughTheControlInterfaceArriveInOrder)
 {
     FrameServer server({"--qr", "first-code"});
     ASSERT_TRUE(server.waitUntilServing()) << server.log();
-    long before = framesServed();
+    long before = server.served();
     ASSERT_GE(before, 0);
     auto app = startCaptureApp({"--seconds", "3", "--photo-after-ms", "5000"});
 
@@ -107,9 +107,9 @@ TEST_F(CaptureAppTest, PayloadChangesThroughTheControlInterfaceArriveInOrder)
     // served frames, and at least the time the client needs for them (one fetch per 100 ms), so
     // that another client of the port cannot make the wait end early.
     auto switchAfterFrames = [&](long frames, const char *payload) {
-        long target = framesServed() + frames;
+        long target = server.served() + frames;
         auto earliest = Clock::now() + frames * 100ms;
-        EXPECT_TRUE(waitFor([&] { return framesServed() >= target && Clock::now() >= earliest; }, 5s))
+        EXPECT_TRUE(waitFor([&] { return server.served() >= target && Clock::now() >= earliest; }, 5s))
             << "the app stopped fetching";
         HttpAnswer answer = http("POST", "/control", nlohmann::json{{"qr", payload}}.dump());
         EXPECT_EQ(200, answer.status) << answer.body;
@@ -117,7 +117,7 @@ TEST_F(CaptureAppTest, PayloadChangesThroughTheControlInterfaceArriveInOrder)
     switchAfterFrames(3, "second-code");
     switchAfterFrames(3, "first-code");
     auto earliest = Clock::now() + 300ms;
-    EXPECT_TRUE(waitFor([&] { return framesServed() >= before + 9 && Clock::now() >= earliest; }, 5s));
+    EXPECT_TRUE(waitFor([&] { return server.served() >= before + 9 && Clock::now() >= earliest; }, 5s));
 
     AppRun run = app.get();
     ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
@@ -143,11 +143,11 @@ TEST_F(CaptureAppTest, PollingSurvivesAServerRestartAndThePhotoIsTheLastFrameKep
 
     auto server = std::make_unique<FrameServer>(std::vector<std::string>{"--image", image.string()});
     ASSERT_TRUE(server->waitUntilServing()) << server->log();
-    long probe = framesServed();
+    long probe = server->served();
     auto launched = Clock::now();
     auto app = startCaptureApp({"--seconds", "4", "--photo-after-ms", "1500", "--save-photo", photo.string()});
 
-    ASSERT_TRUE(waitFor([&] { return framesServed() >= probe + 5 && Clock::now() >= launched + 500ms; }, 5s))
+    ASSERT_TRUE(waitFor([&] { return server->served() >= probe + 5 && Clock::now() >= launched + 500ms; }, 5s))
         << "the app never fetched";
     server->stop(SIGKILL);
     // The client fetches at most one frame per 100 ms, so more frames than this prove that
@@ -160,10 +160,10 @@ TEST_F(CaptureAppTest, PollingSurvivesAServerRestartAndThePhotoIsTheLastFrameKep
     ASSERT_TRUE(waitFor([&] { return Clock::now() >= launched + 2500ms; }, 5s));
     server = std::make_unique<FrameServer>(std::vector<std::string>{"--image", image.string()});
     ASSERT_TRUE(server->waitUntilServing()) << server->log();
-    long restartProbe = framesServed();
+    long restartProbe = server->served();
 
     AppRun run = app.get();
-    long servedAfterRestart = framesServed() - restartProbe;
+    long servedAfterRestart = server->served() - restartProbe;
     ASSERT_EQ(0, run.process.status) << run.process.out << run.process.err;
     EXPECT_GE(servedAfterRestart, 3) << "the client keeps polling through the outage";
     EXPECT_GT(run.out["videoFrames"].get<long>(), mostBeforeKill + 2) << "frames after the restart reach the app";
@@ -190,15 +190,14 @@ TEST_F(ZerlanDemoTest, RunsServerAndAppAndLeavesTheResults)
     EXPECT_NE(std::string::npos, demo.out.find("switched the QR payload to \"zerlan-demo-2\"")) << demo.out;
     EXPECT_NE(std::string::npos, demo.out.find((out / "photo.jpg").string())) << demo.out;
     EXPECT_EQ("\xff\xd8", readFile(out / "picker-photo.jpg").substr(0, 2)) << "the picker's automated photo";
-    ProcessResult probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries",
-                                      "stream=codec_name,width,height", "-of", "csv=p=0",
-                                      (out / "picker-video.mp4").string()});
-    EXPECT_EQ("h264,640,480\n", probe.out) << "the picker's recording: one H.264 stream, no audio";
+    nlohmann::json probe = ffprobe(out / "picker-video.mp4");
+    ASSERT_EQ(1u, probe["streams"].size()) << "the picker's recording: one H.264 stream, no audio: " << probe;
+    EXPECT_EQ("h264", probe["streams"][0]["codec_name"]);
+    EXPECT_EQ(640, probe["streams"][0]["width"]);
+    EXPECT_EQ(480, probe["streams"][0]["height"]);
     EXPECT_NE(std::string::npos, demo.out.find((out / "picker-video.mp4").string())) << demo.out;
-    ProcessResult length = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries", "format=duration", "-of",
-                                       "csv=p=0", (out / "picker-video.mp4").string()});
     char seconds[32];
-    std::snprintf(seconds, sizeof seconds, ", %.2f s, ", std::atof(length.out.c_str()));
+    std::snprintf(seconds, sizeof seconds, ", %.2f s, ", std::stod(probe["format"]["duration"].get<std::string>()));
     EXPECT_NE(std::string::npos, demo.out.find(seconds)) << "the movie's length as a player shows it, " << seconds
                                                          << "\n" << demo.out;
     EXPECT_NE(200, http("GET", "/frame").status) << "the demo stops its server";
@@ -221,23 +220,6 @@ TEST_F(ZerlanDemoTest, RefusesABusyPort)
     EXPECT_EQ(2, library.status) << "a missing file on the command line is a usage error: " << library.err;
     EXPECT_NE(std::string::npos, library.err.find("--library " + (dir_ / "none.so").string() + ": no such file"))
         << library.err;
-}
-
-// The processes whose parent is `parent`, by pid, with their names.
-std::map<pid_t, std::string> childrenOf(pid_t parent)
-{
-    std::map<pid_t, std::string> children;
-    for (const auto &entry : fs::directory_iterator("/proc")) {
-        const std::string stat = readFile(entry.path() / "stat");
-        size_t open = stat.find('('), close = stat.rfind(')');
-        if (open == std::string::npos || close == std::string::npos)
-            continue;
-        char state = 0;
-        int ppid = 0;
-        if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == parent)
-            children[std::stoi(entry.path().filename().string())] = stat.substr(open + 1, close - open - 1);
-    }
-    return children;
 }
 
 // An IDE's stop button or a CI job's cancel signals the demo alone, not its process group: the
@@ -275,7 +257,10 @@ TEST_F(ZerlanDemoTest, AnInterruptedDemoStopsWhatItStartedAndSaysSo)
         });
         const bool running = waitFor(
             [&] {
-                children = childrenOf(demo);
+                children.clear();
+                for (const ProcessEntry &p : processes())
+                    if (p.parent == demo)
+                        children[p.pid] = p.name;
                 bool server = false, app = false;
                 for (const auto &[pid, name] : children) {
                     server = server || name == "zerlan";

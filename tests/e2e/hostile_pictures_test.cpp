@@ -19,25 +19,13 @@ namespace {
 
 enum class Picture { claims30000, real8000, png30000, claims65500 };
 
-const char *nameOf(Picture p)
-{
-    switch (p) {
-    case Picture::claims30000:
-        return "Claims30000";
-    case Picture::real8000:
-        return "Real8000";
-    case Picture::png30000:
-        return "Png30000";
-    case Picture::claims65500:
-        return "Claims65500UnderAnAddressSpaceLimit";
-    }
-    return "?";
-}
+const char *const kPictureNames[] = {"Claims30000", "Real8000", "Png30000", "Claims65500UnderAnAddressSpaceLimit"};
 
 // One frame of a `zerlan serve` test pattern in step mode (a large one takes a while to draw).
 std::string patternFrame(std::vector<std::string> options)
 {
-    StepServer server(std::move(options));
+    options.push_back("--step");
+    FrameServer server(std::move(options), 0);
     EXPECT_NE(server.port(), 0) << server.log();
     HttpAnswer frame;
     EXPECT_TRUE(waitFor([&] { return (frame = server.request("GET", "/frame")).status == 200; }, 60s)) << server.log();
@@ -131,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(EachPictureAndApp, HostilePictures,
                                             ::testing::Values("capture-app", "picker-app")),
                          [](const auto &info) {
                              std::string app = std::get<1>(info.param);
-                             return std::string(nameOf(std::get<0>(info.param))) +
+                             return std::string(kPictureNames[int(std::get<0>(info.param))]) +
                                     (app == "capture-app" ? "_CaptureApp" : "_PickerApp");
                          });
 

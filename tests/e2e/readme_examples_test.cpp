@@ -179,32 +179,18 @@ protected:
             return kill(-shell, 0) != 0 && errno == ESRCH;
         };
         if (!waitFor(groupGone, 10s)) {
-            if (run.leftOver.empty())
-                run.leftOver = "processes of its group, still running 10 s after it ended:" + groupMembers(shell);
+            if (run.leftOver.empty()) {
+                run.leftOver = "processes of its group, still running 10 s after it ended:";
+                for (const ProcessEntry &p : processes())
+                    if (p.group == shell)
+                        run.leftOver += " " + p.name;
+            }
             kill(-shell, SIGKILL);
             waitFor(groupGone, 10s);
         }
         run.out = readFile(root_ / "out.txt");
         run.err = readFile(root_ / "err.txt");
         return run;
-    }
-
-    static std::string groupMembers(pid_t group)
-    {
-        std::string names;
-        for (const auto &entry : fs::directory_iterator("/proc")) {
-            std::string stat = readFile(entry.path() / "stat");
-            size_t close = stat.rfind(')');
-            int ppid = 0, pgrp = 0;
-            char state = 0;
-            if (close == std::string::npos ||
-                std::sscanf(stat.c_str() + close + 1, " %c %d %d", &state, &ppid, &pgrp) != 3 || pgrp != group)
-                continue;
-            std::string command = readFile(entry.path() / "cmdline").substr(0, 80);
-            std::replace(command.begin(), command.end(), '\0', ' ');
-            names += " " + command;
-        }
-        return names;
     }
 
     fs::path root_;
