@@ -1,19 +1,19 @@
 // Installation as a loaded library leaves it: every row exchanged in place, the zerlan_ selectors
 // reaching the framework, a missing method skipping only its own row, the debug switch fixed.
-#include "inject/Connections.h"
 #include "inject/Diagnostics.h"
-#include "inject/FakeDevice.h"
 #include "inject/Install.h"
 #include "inject/Registry.h"
-#include "picker/Interception.h"
-#include "session/Outputs.h"
-#include "session/Photo.h"
-#include "session/Session.h"
 
 #include <gtest/gtest.h>
 
+#include <cxxabi.h>
+#include <dlfcn.h>
+
+#include <algorithm>
 #include <cstdlib>
+#include <sstream>
 #include <string>
+#include <vector>
 
 using namespace zerlan::objc;
 
@@ -51,88 +51,64 @@ TEST(InstallTest, EveryRowIsExchangedInPlace)
     EXPECT_NE(nullptr, gRetainedFakeObjects) << "the retained-object list exists from load on";
 }
 
+// The symbol that an implementation's address lies in, demangled without its arguments.
+std::string functionAt(IMP implementation)
+{
+    Dl_info info{};
+    if (!dladdr(reinterpret_cast<void *>(implementation), &info) || !info.dli_sname)
+        return "<unknown>";
+    char *plain = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, nullptr);
+    std::string name = plain ? plain : info.dli_sname;
+    std::free(plain);
+    return name.substr(0, name.find('('));
+}
+
 TEST(InstallTest, TheTableIsExactlyTheInterceptedMethodsInInstallOrder)
 {
-    // Install order matters (the dismissal is added before presentation is exchanged), and each
-    // row must name the replacement written for its own selector.
-    struct Expected {
-        const char *className, *selector;
-        ZerlanRowKind kind;
-        IMP implementation;
-    } const expected[] = {
-        {"AVCaptureDevice", "defaultDeviceWithMediaType:", ZerlanRowKind::classMethod, imp(zerlan_defaultDeviceWithMediaType)},
-        {"AVCaptureDevice", "deviceWithUniqueID:", ZerlanRowKind::classMethod, imp(zerlan_deviceWithUniqueID)},
-        {"AVCaptureDevice", "localizedName", ZerlanRowKind::instance, imp(zerlan_localizedName)},
-        {"AVCaptureDevice", "uniqueID", ZerlanRowKind::instance, imp(zerlan_uniqueID)},
-        {"AVCaptureDevice", "position", ZerlanRowKind::instance, imp(zerlan_position)},
-        {"AVCaptureDevice", "deviceType", ZerlanRowKind::instance, imp(zerlan_deviceType)},
-        {"AVCaptureDevice", "formats", ZerlanRowKind::instance, imp(zerlan_formats)},
-        {"AVCaptureDevice", "activeFormat", ZerlanRowKind::instance, imp(zerlan_activeFormat)},
-        {"AVCaptureDevice", "setActiveFormat:", ZerlanRowKind::instance, imp(zerlan_setActiveFormat)},
-        {"AVCaptureDevice", "hasFlash", ZerlanRowKind::instance, imp(zerlan_hasFlash)},
-        {"AVCaptureDevice", "hasTorch", ZerlanRowKind::instance, imp(zerlan_hasTorch)},
-        {"AVCaptureDevice", "isFocusPointOfInterestSupported", ZerlanRowKind::instance, imp(zerlan_isFocusPointOfInterestSupported)},
-        {"AVCaptureDevice", "isExposurePointOfInterestSupported", ZerlanRowKind::instance, imp(zerlan_isExposurePointOfInterestSupported)},
-        {"AVCaptureDevice", "lockForConfiguration:", ZerlanRowKind::instance, imp(zerlan_lockForConfiguration)},
-        {"AVCaptureDevice", "unlockForConfiguration", ZerlanRowKind::instance, imp(zerlan_unlockForConfiguration)},
-        {"AVCaptureDeviceDiscoverySession", "devices", ZerlanRowKind::instance, imp(zerlan_devices)},
-        {"AVCaptureDeviceInput", "initWithDevice:error:", ZerlanRowKind::instance, imp(zerlan_initWithDevice_error)},
-        {"AVCaptureDeviceInput", "ports", ZerlanRowKind::instance, imp(zerlan_ports)},
-        {"AVCaptureConnection", "initWithInputPorts:output:", ZerlanRowKind::instance, imp(zerlan_initWithInputPorts_output)},
-        {"AVCaptureConnection", "isVideoOrientationSupported", ZerlanRowKind::instance, imp(zerlan_isVideoOrientationSupported)},
-        {"AVCaptureConnection", "isVideoMirroringSupported", ZerlanRowKind::instance, imp(zerlan_isVideoMirroringSupported)},
-        {"AVCaptureConnection", "videoOrientation", ZerlanRowKind::instance, imp(zerlan_videoOrientation)},
-        {"AVCaptureConnection", "setVideoOrientation:", ZerlanRowKind::instance, imp(zerlan_setVideoOrientation)},
-        {"AVCaptureOutput", "connections", ZerlanRowKind::instance, imp(zerlan_connections)},
-        {"AVCaptureOutput", "connectionWithMediaType:", ZerlanRowKind::instance, imp(zerlan_connectionWithMediaType)},
-        {"AVCaptureSession", "canAddInput:", ZerlanRowKind::instance, imp(zerlan_canAddInput)},
-        {"AVCaptureSession", "addInput:", ZerlanRowKind::instance, imp(zerlan_addInput)},
-        {"AVCaptureSession", "canAddOutput:", ZerlanRowKind::instance, imp(zerlan_canAddOutput)},
-        {"AVCaptureSession", "addOutput:", ZerlanRowKind::instance, imp(zerlan_addOutput)},
-        {"AVCaptureSession", "startRunning", ZerlanRowKind::instance, imp(zerlan_startRunning)},
-        {"AVCaptureSession", "stopRunning", ZerlanRowKind::instance, imp(zerlan_stopRunning)},
-        {"AVCaptureSession", "isRunning", ZerlanRowKind::instance, imp(zerlan_isRunning)},
-        {"AVCaptureSession", "addInputWithNoConnections:", ZerlanRowKind::instance, imp(zerlan_addInputWithNoConnections)},
-        {"AVCaptureSession", "addOutputWithNoConnections:", ZerlanRowKind::instance, imp(zerlan_addOutputWithNoConnections)},
-        {"AVCaptureSession", "addConnection:", ZerlanRowKind::instance, imp(zerlan_addConnection)},
-        {"AVCaptureSession", "canAddConnection:", ZerlanRowKind::instance, imp(zerlan_canAddConnection)},
-        {"AVCaptureSession", "canSetSessionPreset:", ZerlanRowKind::instance, imp(zerlan_canSetSessionPreset)},
-        {"AVCaptureSession", "inputs", ZerlanRowKind::instance, imp(zerlan_inputs)},
-        {"AVCaptureSession", "outputs", ZerlanRowKind::instance, imp(zerlan_outputs)},
-        {"AVCaptureSession", "removeInput:", ZerlanRowKind::instance, imp(zerlan_removeInput)},
-        {"AVCaptureSession", "removeOutput:", ZerlanRowKind::instance, imp(zerlan_removeOutput)},
-        {"AVCaptureVideoDataOutput", "setSampleBufferDelegate:queue:", ZerlanRowKind::instance, imp(zerlan_setSampleBufferDelegate_queue)},
-        {"AVCaptureVideoDataOutput", "recommendedVideoSettingsForAssetWriterWithOutputFileType:", ZerlanRowKind::instance, imp(zerlan_recommendedVideoSettingsForAssetWriterWithOutputFileType)},
-        {"AVCapturePhotoOutput", "capturePhotoWithSettings:delegate:", ZerlanRowKind::instance, imp(zerlan_capturePhotoWithSettings_delegate)},
-        {"AVCaptureMetadataOutput", "availableMetadataObjectTypes", ZerlanRowKind::instance, imp(zerlan_availableMetadataObjectTypes)},
-        {"AVCaptureMetadataOutput", "setMetadataObjectTypes:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectTypes)},
-        {"AVCaptureMetadataOutput", "setMetadataObjectsDelegate:queue:", ZerlanRowKind::instance, imp(zerlan_setMetadataObjectsDelegate_queue)},
-        {"AVCaptureVideoPreviewLayer", "setSession:", ZerlanRowKind::instance, imp(zerlan_setSession)},
-        {"UIImagePickerController", "isSourceTypeAvailable:", ZerlanRowKind::classMethod, imp(zerlan_isSourceTypeAvailable)},
-        {"UIImagePickerController", "isCameraDeviceAvailable:", ZerlanRowKind::classMethod, imp(zerlan_isCameraDeviceAvailable)},
-        {"UIImagePickerController", "availableMediaTypesForSourceType:", ZerlanRowKind::classMethod, imp(zerlan_availableMediaTypesForSourceType)},
-        {"UIImagePickerController", "availableCaptureModesForCameraDevice:", ZerlanRowKind::classMethod, imp(zerlan_availableCaptureModesForCameraDevice)},
-        {"UIImagePickerController", "isFlashAvailableForCameraDevice:", ZerlanRowKind::classMethod, imp(zerlan_isFlashAvailableForCameraDevice)},
-        {"UIImagePickerController", "setSourceType:", ZerlanRowKind::instance, imp(zerlan_setSourceType)},
-        {"UIImagePickerController", "sourceType", ZerlanRowKind::instance, imp(zerlan_sourceType)},
-        {"UIImagePickerController", "setCameraDevice:", ZerlanRowKind::instance, imp(zerlan_setCameraDevice)},
-        {"UIImagePickerController", "cameraDevice", ZerlanRowKind::instance, imp(zerlan_cameraDevice)},
-        {"UIImagePickerController", "setCameraCaptureMode:", ZerlanRowKind::instance, imp(zerlan_setCameraCaptureMode)},
-        {"UIImagePickerController", "cameraCaptureMode", ZerlanRowKind::instance, imp(zerlan_cameraCaptureMode)},
-        {"UIImagePickerController", "dismissViewControllerAnimated:completion:", ZerlanRowKind::added, imp(ZerlanImagePickerDismiss)},
-        {"UIViewController", "presentViewController:animated:completion:", ZerlanRowKind::instance, imp(zerlan_presentViewController_animated_completion)},
+    // Per class in install order, its selectors in order; "+" marks a class method, "!" the added
+    // dismissal, which must come before presentation is exchanged. Each row names the replacement
+    // written for its own selector: zerlan_ and the selector with its colons as underscores.
+    const std::pair<const char *, const char *> expected[] = {
+        {"AVCaptureDevice", "+defaultDeviceWithMediaType: +deviceWithUniqueID: localizedName uniqueID position deviceType "
+                            "formats activeFormat setActiveFormat: hasFlash hasTorch isFocusPointOfInterestSupported "
+                            "isExposurePointOfInterestSupported lockForConfiguration: unlockForConfiguration"},
+        {"AVCaptureDeviceDiscoverySession", "devices"},
+        {"AVCaptureDeviceInput", "initWithDevice:error: ports"},
+        {"AVCaptureConnection", "initWithInputPorts:output: isVideoOrientationSupported isVideoMirroringSupported "
+                                "videoOrientation setVideoOrientation:"},
+        {"AVCaptureOutput", "connections connectionWithMediaType:"},
+        {"AVCaptureSession", "canAddInput: addInput: canAddOutput: addOutput: startRunning stopRunning isRunning "
+                             "addInputWithNoConnections: addOutputWithNoConnections: addConnection: canAddConnection: "
+                             "canSetSessionPreset: inputs outputs removeInput: removeOutput:"},
+        {"AVCaptureVideoDataOutput", "setSampleBufferDelegate:queue: recommendedVideoSettingsForAssetWriterWithOutputFileType:"},
+        {"AVCapturePhotoOutput", "capturePhotoWithSettings:delegate:"},
+        {"AVCaptureMetadataOutput", "availableMetadataObjectTypes setMetadataObjectTypes: setMetadataObjectsDelegate:queue:"},
+        {"AVCaptureVideoPreviewLayer", "setSession:"},
+        {"UIImagePickerController", "+isSourceTypeAvailable: +isCameraDeviceAvailable: +availableMediaTypesForSourceType: "
+                                    "+availableCaptureModesForCameraDevice: +isFlashAvailableForCameraDevice: setSourceType: "
+                                    "sourceType setCameraDevice: cameraDevice setCameraCaptureMode: cameraCaptureMode "
+                                    "!dismissViewControllerAnimated:completion:"},
+        {"UIViewController", "presentViewController:animated:completion:"},
     };
-    auto table = ZerlanExchangeTable();
-    ASSERT_EQ(std::size(expected), table.size());
-    for (size_t i = 0; i < std::size(expected); ++i) {
-        const ZerlanExchangeRow &row = table[i];
-        SCOPED_TRACE(testing::Message() << "row " << i + 1 << " " << expected[i].selector);
-        EXPECT_STREQ(expected[i].className, row.className);
-        EXPECT_STREQ(expected[i].selector, row.selector);
-        EXPECT_EQ(expected[i].kind, row.kind);
-        EXPECT_EQ(expected[i].implementation, row.implementation);
-        EXPECT_STREQ(expected[i].kind == ZerlanRowKind::added ? "UIViewController" : nullptr, row.typesFrom);
+    std::vector<std::string> want, have;
+    for (const auto &[className, selectors] : expected) {
+        std::istringstream words(selectors);
+        for (std::string word; words >> word;)
+            want.push_back(std::string(className) + " " + word);
     }
+    for (const ZerlanExchangeRow &row : ZerlanExchangeTable()) {
+        const char *mark = row.kind == ZerlanRowKind::classMethod ? "+" : row.kind == ZerlanRowKind::added ? "!" : "";
+        have.push_back(std::string(row.className) + " " + mark + row.selector);
+        std::string replacement = std::string("zerlan_") + row.selector;
+        std::replace(replacement.begin(), replacement.end(), ':', '_');
+        if (replacement.back() == '_')
+            replacement.pop_back();
+        if (row.kind == ZerlanRowKind::added)
+            replacement = "ZerlanImagePickerDismiss";
+        EXPECT_EQ(replacement, functionAt(row.implementation)) << row.selector;
+        EXPECT_STREQ(row.kind == ZerlanRowKind::added ? "UIViewController" : nullptr, row.typesFrom) << row.selector;
+    }
+    EXPECT_EQ(want, have);
 }
 
 long replaced(id, SEL) { return 42; }
