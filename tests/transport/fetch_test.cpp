@@ -59,16 +59,6 @@ int openDescriptors()
     return count;
 }
 
-// Answers every connection with the given bytes after reading the request, then closes.
-ScriptedServer::Script answer(std::string response)
-{
-    return [response](int fd) {
-        ScriptedServer::readHead(fd);
-        ScriptedServer::writeAll(fd, response);
-        return true;
-    };
-}
-
 Strong<> fetchFrom(const ScriptedServer &server)
 {
     return zerlan::transport::fetchJPEG(zerlan::transport::loopbackEndpoint(server.port()));
@@ -106,7 +96,7 @@ TEST_F(FetchTest, BodyIsEverythingAfterTheFirstBlankLineOfA200)
         {"invalid UTF-8 in the header", std::string("HTTP/1.1 200 OK\r\nX: \xff\r\n\r\nx"), nullptr},
     };
     for (const Case &c : cases) {
-        ScriptedServer server(answer(c.response));
+        ScriptedServer server(ScriptedServer::answering(c.response));
         Strong<> frame = fetchFrom(server);
         if (c.body) {
             ASSERT_TRUE(frame) << c.what;
@@ -129,17 +119,6 @@ TEST_F(FetchTest, SendsTheFixedRequestOnAFreshConnectionEachTime)
     ASSERT_TRUE(fetchFrom(server));
     EXPECT_EQ("GET /frame HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n", seen);
     EXPECT_EQ(2, server.connections());
-}
-
-TEST_F(FetchTest, LargeBodiesArriveWhole)
-{
-    std::string body(3 * 1024 * 1024 + 17, '\0');
-    for (size_t i = 0; i < body.size(); ++i)
-        body[i] = static_cast<char>(i * 31);
-    ScriptedServer server(answer("HTTP/1.1 200 OK\r\n\r\n" + body));
-    Strong<> frame = fetchFrom(server);
-    ASSERT_TRUE(frame);
-    EXPECT_EQ(body, bytesOf(frame));
 }
 
 TEST_F(FetchTest, NoServerFailsAtOnce)
@@ -250,20 +229,20 @@ TEST_F(FetchTest, ATricklingServerGetsNoFrameAfterTheDeadline)
     EXPECT_LT(took, std::chrono::seconds(3)) << "the deadline is 2 s";
 }
 
-// The cap is on the body: exactly 32 MiB arrives whole, one byte more is no frame, and a server
-// that streams zeros without end is cut off near the cap instead of growing the caller.
-TEST_F(FetchTest, TheBodyIsCappedAt32MiB)
+// The cap is on the body: exactly 32 MiB arrives whole and in order, one byte more is no frame,
+// and a server that streams zeros without end is cut off near the cap instead of growing the caller.
+TEST_F(FetchTest, LargeBodiesArriveWholeUpTo32MiB)
 {
     constexpr size_t kCap = 32u << 20;
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: image/jpeg\r\n\r\n";
     for (size_t size : {kCap, kCap + 1}) {
-        std::string body(size, 'z');
-        body.back() = 'e';
-        ScriptedServer server(answer(head + body));
+        std::string body(size, '\0');
+        for (size_t i = 0; i < size; ++i)
+            body[i] = static_cast<char>(i * 31);
+        ScriptedServer server(ScriptedServer::answering(head + body));
         Strong<> frame = fetchFrom(server);
         if (size == kCap) {
             ASSERT_TRUE(frame) << "exactly the cap";
-            EXPECT_EQ(size, send<unsigned long>(frame.get(), sel<"length">()));
             EXPECT_EQ(body, bytesOf(frame));
         } else {
             EXPECT_FALSE(frame) << "one byte over the cap";
