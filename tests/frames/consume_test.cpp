@@ -8,6 +8,8 @@
 
 #include <fakesdk/media_np.h>
 
+#include <algorithm>
+
 using namespace capture_test;
 
 namespace {
@@ -205,24 +207,32 @@ TEST_F(ConsumeTest, OutputsTheAppFreesAreNotKeptAndGetNothing)
     EXPECT_EQ(1u, metadata_->size(&Recording::metadata));
 }
 
-TEST_F(ConsumeTest, LayersGetEachFrameOnceOnTheMainThread)
+// Every layer shows the session's frames: one given a fabricated session (which stays away from
+// the system's setter, so the layer keeps its own session), a real one or nil (the system's).
+TEST_F(ConsumeTest, EveryPreviewLayerIsPaintedOncePerFrameOnTheMainThread)
 {
-    Strong<> a = allocInit<"init">("AVCaptureVideoPreviewLayer");
-    Strong<> b = allocInit<"init">("AVCaptureVideoPreviewLayer");
-    send<void>(a.get(), sel<"setSession:">(), app_.session.get());
-    send<void>(a.get(), sel<"setSession:">(), app_.session.get());
-    send<void>(b.get(), sel<"setSession:">(), app_.session.get());
-    {
-        // A layer that the app frees before the frame arrives is skipped.
-        Strong<> gone = allocInit<"init">("AVCaptureVideoPreviewLayer");
-        send<void>(gone.get(), sel<"setSession:">(), app_.session.get());
-    }
+    auto layerWith = [](std::initializer_list<id> sessions) {
+        Strong<> layer = allocInit<"init">("AVCaptureVideoPreviewLayer");
+        for (id session : sessions)
+            send<void>(layer.get(), sel<"setSession:">(), session);
+        return layer;
+    };
+    Strong<> real = allocInit<"init">("AVCaptureSession");
+    Strong<> twice = layerWith({app_.session.get(), app_.session.get()}), fabricated = layerWith({app_.session.get()});
+    Strong<> withReal = layerWith({real.get()}), cleared = layerWith({real.get(), nil}), never = layerWith({nil});
+    EXPECT_EQ(nil, send<id>(fabricated.get(), sel<"session">()));
+    EXPECT_EQ(real.get(), send<id>(withReal.get(), sel<"session">()));
+    EXPECT_EQ(nil, send<id>(cleared.get(), sel<"session">()));
+    layerWith({app_.session.get()}); // freed before the frame arrives: skipped
 
     Strong<> frame = image(plain_);
     ZerlanFrameClient::shared().consume(frame);
-    ASSERT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(a) >= 1 && CALayerContentsSetCount_np(b) >= 1; }));
+    const id layers[] = {twice.get(), fabricated.get(), withReal.get(), cleared.get(), never.get()};
+    ASSERT_TRUE(runMainUntil(5, [&] {
+        return std::all_of(std::begin(layers), std::end(layers), [](id l) { return CALayerContentsSetCount_np(l) >= 1; });
+    }));
     id bitmap = bridge(send<CGImageRef>(frame.get(), sel<"CGImage">()));
-    for (id layer : {a.get(), b.get()}) {
+    for (id layer : layers) {
         EXPECT_EQ(1, CALayerContentsSetCount_np(layer)) << "a layer added twice is painted once per frame";
         EXPECT_TRUE(CALayerContentsLastSetOnMainThread_np(layer));
         EXPECT_EQ(bitmap, send<id>(layer, sel<"contents">()));
@@ -248,7 +258,7 @@ void setContentsWhileRegistering(id self, SEL selector, id contents)
             send<void>(race->late, sel<"setSession:">(), race->session);
             race->registered = true;
         });
-        race->registeredWhilePainting = waitUntil(1, [race] { return race->registered.load(); });
+        race->registeredWhilePainting = waitFor([race] { return race->registered.load(); }, 1s);
     }
     sendSuper<void>(object_getClass(self), self, selector, contents);
 }
@@ -276,34 +286,6 @@ TEST_F(ConsumeTest, LayersAreNotRegisteredWhileAFrameIsPainted)
 
     consume(plain_);
     EXPECT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(late) == 1; })) << "registered after all";
-}
-
-TEST_F(ConsumeTest, PreviewLayerSessions)
-{
-    // A fabricated session stays away from the system's setter: the layer keeps its own session.
-    Strong<> layer = allocInit<"init">("AVCaptureVideoPreviewLayer");
-    send<void>(layer.get(), sel<"setSession:">(), app_.session.get());
-    EXPECT_EQ(nil, send<id>(layer.get(), sel<"session">()));
-
-    // A real session goes to the system, and the layer is painted with injected frames anyway.
-    Strong<> real = allocInit<"init">("AVCaptureSession");
-    Strong<> other = allocInit<"init">("AVCaptureVideoPreviewLayer");
-    send<void>(other.get(), sel<"setSession:">(), real.get());
-    EXPECT_EQ(real.get(), send<id>(other.get(), sel<"session">()));
-
-    // So does nil: the system clears the layer's session, and the layer is painted all the same.
-    Strong<> cleared = allocInit<"init">("AVCaptureVideoPreviewLayer");
-    send<void>(cleared.get(), sel<"setSession:">(), real.get());
-    send<void>(cleared.get(), sel<"setSession:">(), static_cast<id>(nil));
-    EXPECT_EQ(nil, send<id>(cleared.get(), sel<"session">()));
-    Strong<> never = allocInit<"init">("AVCaptureVideoPreviewLayer");
-    send<void>(never.get(), sel<"setSession:">(), static_cast<id>(nil));
-
-    consume(plain_);
-    EXPECT_TRUE(runMainUntil(5, [&] {
-        return CALayerContentsSetCount_np(other) == 1 && CALayerContentsSetCount_np(never) == 1 &&
-               CALayerContentsSetCount_np(cleared) == 1;
-    }));
 }
 
 TEST_F(ConsumeTest, OneMetadataCallPerChangeOfPayload)

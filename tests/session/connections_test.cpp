@@ -46,8 +46,6 @@ TEST_F(ConnectionsTest, InputForTheFabricatedCamera)
         ASSERT_EQ(1u, count(ports));
         EXPECT_EQ(ZerlanFakeInputPort(), objectAtIndex(ports, 0));
     }
-    id port = ZerlanFakeInputPort();
-    EXPECT_TRUE(isEqualToString(AVMediaTypeVideo, send<id>(port, sel<"mediaType">())));
 }
 
 TEST_F(ConnectionsTest, InputForARealCameraIsTheFramework)
@@ -146,17 +144,6 @@ TEST_F(ConnectionsTest, FabricatedInputsAndConnectionsOutliveEverythingTheAppHel
     EXPECT_TRUE(madeConnection.load()) << "a connection the app made over the fabricated port";
 }
 
-TEST_F(ConnectionsTest, ConnectionForOutputIsMadeOnceWithoutKeepingTheOutput)
-{
-    Strong<> output = allocInit<"init">("AVCaptureVideoDataOutput");
-    long before = objc_retainCount_np(output);
-    id connection = ZerlanConnectionForOutput(output);
-    ASSERT_NE(nil, connection);
-    EXPECT_EQ(connection, ZerlanConnectionForOutput(output));
-    EXPECT_EQ(3, send<long>(connection, sel<"videoOrientation">()));
-    EXPECT_EQ(before, objc_retainCount_np(output)) << "the connection's back reference is not retained";
-}
-
 TEST_F(ConnectionsTest, WhoSeesTheFabricatedConnections)
 {
     AppSession app;
@@ -218,7 +205,7 @@ TEST_F(ConnectionsTest, FabricationOnManyThreadsAtOnceKeepsEveryObject)
             fabricatedInput();
             made = true;
         });
-        EXPECT_FALSE(waitUntil(1, [&] { return made.load(); })) << "appended while another thread held the list's lock";
+        EXPECT_FALSE(waitFor([&] { return made.load(); }, 1s)) << "appended while another thread held the list's lock";
     }
     fabricator.join();
     EXPECT_EQ(before + 1, count(gRetainedFakeObjects));
