@@ -40,6 +40,18 @@ id discoverySession()
                     arrayWithObject(AVCaptureDeviceTypeBuiltInWideAngleCamera), AVMediaTypeVideo, 2L);
 }
 
+// What a device says of itself: the fabricated camera has none of a real one's features.
+void expectIdentity(id device, const char *name, const char *uniqueID, long position, bool features)
+{
+    EXPECT_EQ(name, text(send<id>(device, sel<"localizedName">())));
+    EXPECT_EQ(uniqueID, text(send<id>(device, sel<"uniqueID">())));
+    EXPECT_EQ(position, send<long>(device, sel<"position">()));
+    EXPECT_TRUE(isEqualToString(AVCaptureDeviceTypeBuiltInWideAngleCamera, send<id>(device, sel<"deviceType">())));
+    for (SEL feature : {sel<"hasFlash">(), sel<"hasTorch">(), sel<"isFocusPointOfInterestSupported">(),
+                        sel<"isExposurePointOfInterestSupported">()})
+        EXPECT_EQ(features, bool(send<BOOL>(device, feature))) << sel_getName(feature);
+}
+
 class DeviceTest : public ::testing::Test {
 protected:
     void TearDown() override { AVCaptureDeviceUnregisterAll_np(); }
@@ -54,14 +66,7 @@ TEST_F(DeviceTest, TheFabricatedCameraIdentity)
     EXPECT_EQ(objc_getClass("AVCaptureDevice"), object_getClass(device));
     EXPECT_TRUE(ZerlanMarked(device, &kFakeDeviceKey));
     EXPECT_FALSE(ZerlanMarked(device, &kFakeInputKey)) << "marked under its own key only";
-    EXPECT_EQ("Zerlan Camera", text(send<id>(device, sel<"localizedName">())));
-    EXPECT_EQ("com.zerlan.injected-camera", text(send<id>(device, sel<"uniqueID">())));
-    EXPECT_EQ(1, send<long>(device, sel<"position">()));
-    EXPECT_TRUE(isEqualToString(AVCaptureDeviceTypeBuiltInWideAngleCamera, send<id>(device, sel<"deviceType">())));
-    EXPECT_FALSE(send<BOOL>(device, sel<"hasFlash">()));
-    EXPECT_FALSE(send<BOOL>(device, sel<"hasTorch">()));
-    EXPECT_FALSE(send<BOOL>(device, sel<"isFocusPointOfInterestSupported">()));
-    EXPECT_FALSE(send<BOOL>(device, sel<"isExposurePointOfInterestSupported">()));
+    expectIdentity(device, "Zerlan Camera", "com.zerlan.injected-camera", 1, false);
 
     id error = reinterpret_cast<id>(device); // any non-nil value: the camera must clear it
     EXPECT_TRUE(send<BOOL>(device, sel<"lockForConfiguration:">(), &error));
@@ -113,14 +118,7 @@ TEST_F(DeviceTest, ARealCameraWinsAndAnswersForItselfThroughEveryMethod)
     EXPECT_EQ(real, defaultVideoDevice());
     EXPECT_EQ(real, send<id>(deviceClass(), sel<"deviceWithUniqueID:">(), string("real-1")));
     EXPECT_FALSE(ZerlanMarked(real, &kFakeDeviceKey));
-    EXPECT_EQ("Back Camera", text(send<id>(real, sel<"localizedName">())));
-    EXPECT_EQ("real-1", text(send<id>(real, sel<"uniqueID">())));
-    EXPECT_EQ(2, send<long>(real, sel<"position">()));
-    EXPECT_TRUE(isEqualToString(AVCaptureDeviceTypeBuiltInWideAngleCamera, send<id>(real, sel<"deviceType">())));
-    EXPECT_TRUE(send<BOOL>(real, sel<"hasFlash">()));
-    EXPECT_TRUE(send<BOOL>(real, sel<"hasTorch">()));
-    EXPECT_TRUE(send<BOOL>(real, sel<"isFocusPointOfInterestSupported">()));
-    EXPECT_TRUE(send<BOOL>(real, sel<"isExposurePointOfInterestSupported">()));
+    expectIdentity(real, "Back Camera", "real-1", 2, true);
     id formats = send<id>(real, sel<"formats">());
     ASSERT_EQ(2u, count(formats));
     ASSERT_TRUE(send<BOOL>(real, sel<"lockForConfiguration:">(), static_cast<id *>(nullptr)));

@@ -139,6 +139,19 @@ protected:
         return send<double>(send<id>(send<id>(screen, sel<"captureButton">()), sel<"layer">()), sel<"cornerRadius">());
     }
 
+    // After a recording that failed: the screen takes taps in video mode again, keeps what it
+    // said until the next frame replaces it, and is dismissed.
+    void expectIdleUntilTheNextFrame(id screen)
+    {
+        EXPECT_FALSE(send<BOOL>(screen, sel<"finishing">()));
+        EXPECT_TRUE(captureEnabled(screen));
+        EXPECT_EQ(36, cornerRadius(screen));
+        EXPECT_TRUE(send<BOOL>(send<id>(screen, sel<"modeControl">()), sel<"isEnabled">()));
+        send<void>(screen, sel<"requestFrame">());
+        EXPECT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Tap to record"; }));
+        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
+    }
+
     Canvas canvas_{640, 480, kGreen};
     std::unique_ptr<FrameServer> server_;
     Delegate delegate_;
@@ -367,12 +380,7 @@ TEST_F(PickerRecording, AStartThatFailsLeavesTheScreenIdleAndSaysWhy)
             EXPECT_TRUE(said != "Recording… Tap to stop" && said != "Tap to record" && !said.empty()) << said;
         EXPECT_FALSE(send<BOOL>(screen, sel<"recording">()));
         EXPECT_EQ(nil, send<id>(screen, sel<"writer">()));
-        EXPECT_TRUE(captureEnabled(screen));
-        EXPECT_EQ(36, cornerRadius(screen));
-        EXPECT_TRUE(send<BOOL>(send<id>(screen, sel<"modeControl">()), sel<"isEnabled">()));
-        send<void>(screen, sel<"requestFrame">());
-        EXPECT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Tap to record"; }));
-        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
+        expectIdleUntilTheNextFrame(screen);
     }
 }
 
@@ -400,15 +408,9 @@ TEST_F(PickerRecording, AFinishThatFailsUnblocksTheScreenAndSaysWhyUntilTheNextF
         EXPECT_EQ(writerSaysWhy ? text(send<id>(error, sel<"localizedDescription">())) : "Video recording failed.",
                   statusOf(screen));
         EXPECT_TRUE(delegate_->calls.empty());
-        EXPECT_FALSE(send<BOOL>(screen, sel<"finishing">()));
-        EXPECT_TRUE(captureEnabled(screen));
-        EXPECT_EQ(36, cornerRadius(screen));
-        EXPECT_TRUE(send<BOOL>(send<id>(screen, sel<"modeControl">()), sel<"isEnabled">()));
         EXPECT_TRUE(fs::exists(file)) << "the incomplete file stays";
         silent.reset();
-        send<void>(screen, sel<"requestFrame">());
-        EXPECT_TRUE(runMainUntil(10, [&] { return statusOf(screen) == "Tap to record"; }));
-        ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
+        expectIdleUntilTheNextFrame(screen);
     }
 }
 
