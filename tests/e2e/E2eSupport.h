@@ -9,14 +9,21 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <memory>
 #include <regex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>

@@ -3,8 +3,6 @@
 // system log's format, a ZERLAN_FRAME_PORT that is no port included.
 #include "E2eSupport.h"
 
-#include <gtest/gtest.h>
-
 using namespace zerlan::e2e;
 
 namespace {

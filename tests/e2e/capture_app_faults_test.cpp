@@ -4,10 +4,6 @@
 // which the library learns from ZERLAN_FRAME_PORT, so these tests need no fixed port.
 #include "E2eSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <future>
-
 using namespace zerlan::e2e;
 
 namespace {

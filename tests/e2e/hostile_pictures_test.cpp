@@ -8,9 +8,6 @@
 #include "Pictures.h"
 #include "ScriptedServer.h"
 
-#include <gtest/gtest.h>
-
-#include <future>
 #include <tuple>
 
 using namespace zerlan::e2e;

@@ -4,10 +4,6 @@
 // app keeps only the movies it is told to save, and refuses at once what it could never get.
 #include "E2eSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <future>
-
 using namespace zerlan::e2e;
 
 namespace {
@@ -58,7 +54,7 @@ TEST_F(PickerAppTest, ActionsThatTheMediaTypesRuleOutAreRefusedAtOnce)
     }
 }
 
-TEST_F(PickerAppTest, WithoutTheLibraryThereIsNoCameraSource)
+TEST_F(PickerAppTest, WithoutTheLibraryOrAServerTheAppSaysWhatIsMissing)
 {
     AppRun run = pickerApp(false, {"--action", "photo"});
     EXPECT_EQ(1, run.process.status) << run.process.err;
@@ -67,11 +63,8 @@ TEST_F(PickerAppTest, WithoutTheLibraryThereIsNoCameraSource)
     EXPECT_TRUE(run.out["presented"].is_null());
     EXPECT_NE(std::string::npos, run.out["error"].get<std::string>().find("no camera")) << run.out["error"];
     EXPECT_EQ(nlohmann::json::array(), run.out["delegateCalls"]);
-}
 
-TEST_F(PickerAppTest, WithTheLibraryButNoServerTheAppSaysWhatIsMissing)
-{
-    AppRun run = pickerApp(true, {"--action", "photo", "--timeout", "2"});
+    run = pickerApp(true, {"--action", "photo", "--timeout", "2"});
     EXPECT_EQ(1, run.process.status) << run.process.out << run.process.err;
     EXPECT_EQ(true, run.out["sourceTypeAvailable"]);
     EXPECT_EQ("ZerlanVirtualImagePickerViewController", run.out["presented"]);
