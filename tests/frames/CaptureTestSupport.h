@@ -100,6 +100,14 @@ inline Canvas bands(int w, int h, bool vertical, int edge)
     return c;
 }
 
+// A 640 x 480 frame showing one QR code.
+inline Canvas codeFrame(const std::string &payload, RGB fill = kWhite)
+{
+    Canvas c(640, 480, fill);
+    c.qr(payload, 180, 100);
+    return c;
+}
+
 inline Strong<> data(const std::vector<uint8_t> &bytes)
 {
     return Strong<>::retain(send<id>(cls("NSData"), sel<"dataWithBytes:length:">(),

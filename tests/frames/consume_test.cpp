@@ -19,13 +19,6 @@ std::string payloadFor(const char *name)
     return std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "-" + name;
 }
 
-Canvas codeFrame(const std::string &payload)
-{
-    Canvas c(640, 480);
-    c.qr(payload, 180, 100);
-    return c;
-}
-
 Canvas twoCodesFrame(const std::string &left, const std::string &right)
 {
     Canvas c(640, 480);
@@ -48,7 +41,9 @@ protected:
         return Strong<>::adopt(reinterpret_cast<id>(dispatch_queue_create(label, nullptr)));
     }
 
-    dispatch_queue_t queue(const Strong<> &q) { return reinterpret_cast<dispatch_queue_t>(q.get()); }
+    static dispatch_queue_t queue(const Strong<> &q) { return reinterpret_cast<dispatch_queue_t>(q.get()); }
+    // Returns once what was queued on q before has run.
+    static void drain(const Strong<> &q) { dispatch_sync(queue(q), ^{}); }
 
     AutoreleasePool pool_;
     Recorder video_, metadata_;
@@ -122,8 +117,7 @@ TEST_F(ConsumeTest, DeliveryFollowsTheLatestDelegateAndOutput)
     send<void>(layer.get(), sel<"setSession:">(), app_.session.get());
     consume(plain_);
     ASSERT_TRUE(runMainUntil(5, [&] { return CALayerContentsSetCount_np(layer) == 1; }));
-    dispatch_sync(queue(q), ^{
-    });
+    drain(q);
     EXPECT_EQ(1u, video_->size(&Recording::samples));
 }
 
@@ -165,10 +159,8 @@ TEST_F(ConsumeTest, EachDelegateIsCalledOnTheQueueGivenWithIt)
     ASSERT_TRUE(runMainUntil(5, [&] {
         return video_->size(&Recording::samples) + replacement->size(&Recording::samples) == 1;
     }));
-    dispatch_sync(queue(before), ^{
-    });
-    dispatch_sync(queue(after), ^{
-    });
+    drain(before);
+    drain(after);
     for (const Call &call : video_->copy(&Recording::samples))
         EXPECT_EQ("test.before", call.queue) << "the delegate read before the switch, with its own queue";
     for (const Call &call : replacement->copy(&Recording::samples))
@@ -191,8 +183,7 @@ TEST_F(ConsumeTest, OutputsTheAppFreesAreNotKeptAndGetNothing)
         ASSERT_TRUE(runMainUntil(5, [&] {
             return video_->size(&Recording::samples) == 1 && metadata_->size(&Recording::metadata) == 1;
         })) << "both outputs were registered";
-        dispatch_sync(queue(q), ^{
-        });
+        drain(q);
         video.store(v);
         metadata.store(m);
     }
@@ -201,8 +192,7 @@ TEST_F(ConsumeTest, OutputsTheAppFreesAreNotKeptAndGetNothing)
 
     consume(codeFrame(payloadFor("after")));
     ASSERT_TRUE(drainMainQueue());
-    dispatch_sync(queue(q), ^{
-    });
+    drain(q);
     EXPECT_EQ(1u, video_->size(&Recording::samples));
     EXPECT_EQ(1u, metadata_->size(&Recording::metadata));
 }
@@ -348,8 +338,7 @@ TEST_F(ConsumeTest, MetadataObjectsOutliveTheCallThatHandsThemOut)
     send<void>(output.get(), sel<"setMetadataObjectsDelegate:queue:">(), metadata_.get(), queue(q));
     consume(codeFrame(payloadFor("kept")));
     ASSERT_TRUE(runMainUntil(5, [&] { return metadata_->size(&Recording::metadata) == 1; }));
-    dispatch_sync(queue(q), ^{
-    });
+    drain(q);
 
     // The delegate lets go of the array it was given: the library keeps the object itself.
     Weak array, object;

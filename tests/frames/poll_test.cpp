@@ -99,9 +99,7 @@ TEST_F(PollTest, PollingNeedsNothingFromTheMainThread)
 TEST_F(PollTest, OneChainFeedsEveryReceiverAndKeepsTheLastGoodFrame)
 {
     std::string payload = "poll-" + std::to_string(getpid());
-    Canvas canvas(640, 480);
-    canvas.qr(payload, 180, 100);
-    std::vector<uint8_t> jpeg = canvas.jpeg();
+    std::vector<uint8_t> jpeg = codeFrame(payload).jpeg();
     FrameServer server(jpeg);
     ASSERT_TRUE(server.waitUntilServing()) << "127.0.0.1:47654 is taken by another server";
 

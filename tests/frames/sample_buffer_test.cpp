@@ -108,10 +108,14 @@ protected:
     Strong<> frame_ = image(bands(640, 480, true, 160));
 };
 
-TEST_F(SampleBufferTest, FormatAttributesAndReadiness)
+TEST_F(SampleBufferTest, FormatAttributesReadinessAndOneTenthSecondAtTheHostClock)
 {
+    CMClockRef host = CMClockGetHostTimeClock();
+    CMTime before = CMClockGetTime(host);
     auto buffer = Strong<CMSampleBufferRef>::adopt(ZerlanCreateSampleBuffer(frame_, 3));
-    ASSERT_TRUE(buffer);
+    auto second = Strong<CMSampleBufferRef>::adopt(ZerlanCreateSampleBuffer(frame_, 1));
+    CMTime after = CMClockGetTime(host);
+    ASSERT_TRUE(buffer && second);
     EXPECT_TRUE(CMSampleBufferDataIsReady(buffer));
     EXPECT_EQ(1, CMSampleBufferGetNumSamples(buffer));
 
@@ -134,25 +138,15 @@ TEST_F(SampleBufferTest, FormatAttributesAndReadiness)
     CMVideoDimensions size = CMVideoFormatDescriptionGetDimensions(format);
     EXPECT_EQ(640, size.width);
     EXPECT_EQ(480, size.height);
-}
 
-TEST_F(SampleBufferTest, TimingIsOneTenthSecondAtTheHostClock)
-{
-    CMClockRef host = CMClockGetHostTimeClock();
-    CMTime before = CMClockGetTime(host);
-    auto first = Strong<CMSampleBufferRef>::adopt(ZerlanCreateSampleBuffer(frame_, 3));
-    auto second = Strong<CMSampleBufferRef>::adopt(ZerlanCreateSampleBuffer(frame_, 1));
-    CMTime after = CMClockGetTime(host);
-    ASSERT_TRUE(first && second);
-
-    for (CMSampleBufferRef buffer : {first.get(), second.get()}) {
-        EXPECT_EQ(0, CMTimeCompare(CMTimeMake(1, 10), CMSampleBufferGetDuration(buffer)));
-        EXPECT_FALSE(CMSampleBufferGetDecodeTimeStamp(buffer).flags & kCMTimeFlags_Valid);
-        CMTime pts = CMSampleBufferGetPresentationTimeStamp(buffer);
+    for (CMSampleBufferRef each : {buffer.get(), second.get()}) {
+        EXPECT_EQ(0, CMTimeCompare(CMTimeMake(1, 10), CMSampleBufferGetDuration(each)));
+        EXPECT_FALSE(CMSampleBufferGetDecodeTimeStamp(each).flags & kCMTimeFlags_Valid);
+        CMTime pts = CMSampleBufferGetPresentationTimeStamp(each);
         EXPECT_LE(CMTimeCompare(before, pts), 0);
         EXPECT_GE(CMTimeCompare(after, pts), 0);
     }
-    EXPECT_LT(CMTimeCompare(CMSampleBufferGetPresentationTimeStamp(first), CMSampleBufferGetPresentationTimeStamp(second)), 0)
+    EXPECT_LT(CMTimeCompare(CMSampleBufferGetPresentationTimeStamp(buffer), CMSampleBufferGetPresentationTimeStamp(second)), 0)
         << "stamped at conversion, so later buffers are later";
 }
 

@@ -31,13 +31,6 @@ struct DelegateCall {
 struct DelegateLog {
     std::vector<DelegateCall> calls;
     bool dismissOnResult = true;
-    size_t count(DelegateCall::Kind kind) const
-    {
-        size_t n = 0;
-        for (const DelegateCall &c : calls)
-            n += c.kind == kind;
-        return n;
-    }
 };
 
 namespace detail {

@@ -15,19 +15,12 @@ id pickerClass()
     return cls("UIImagePickerController");
 }
 
-std::vector<std::string> texts(id array)
+template <typename T>
+std::vector<T> elements(id array, T (*read)(id))
 {
-    std::vector<std::string> out;
+    std::vector<T> out;
     for (unsigned long i = 0; i < count(array); ++i)
-        out.push_back(text(objectAtIndex(array, i)));
-    return out;
-}
-
-std::vector<long> integers(id array)
-{
-    std::vector<long> out;
-    for (unsigned long i = 0; i < count(array); ++i)
-        out.push_back(integerValue(objectAtIndex(array, i)));
+        out.push_back(read(objectAtIndex(array, i)));
     return out;
 }
 
@@ -46,12 +39,12 @@ TEST(PickerClass, ReportsACameraAndLeavesOtherSourcesToUIKit)
     }
 
     id types = send<id>(pickerClass(), sel<"availableMediaTypesForSourceType:">(), 1L);
-    EXPECT_EQ((std::vector<std::string>{"public.image", "public.movie"}), texts(types));
+    EXPECT_EQ((std::vector<std::string>{"public.image", "public.movie"}), elements(types, text));
     EXPECT_EQ(types, send<id>(pickerClass(), sel<"availableMediaTypesForSourceType:">(), 1L)) << "one constant array";
     EXPECT_EQ(nil, send<id>(pickerClass(), sel<"availableMediaTypesForSourceType:">(), 3L)) << "UIKit's answer";
 
     id modes = send<id>(pickerClass(), sel<"availableCaptureModesForCameraDevice:">(), 0L);
-    EXPECT_EQ((std::vector<long>{0, 1}), integers(modes));
+    EXPECT_EQ((std::vector<long>{0, 1}), elements<long>(modes, integerValue));
     for (long device : {1L, 7L})
         EXPECT_EQ(modes, send<id>(pickerClass(), sel<"availableCaptureModesForCameraDevice:">(), device));
 }

@@ -84,7 +84,6 @@ protected:
     {
         if (ZerlanFetchJPEG())
             GTEST_SKIP() << "something else answers on 127.0.0.1:47654";
-        canvas_.qr("recording", 200, 100);
         serve();
     }
 
@@ -152,7 +151,7 @@ protected:
         ASSERT_TRUE(PickerApp::dismiss(picker_.get()));
     }
 
-    Canvas canvas_{640, 480, kGreen};
+    Canvas canvas_ = codeFrame("recording", kGreen);
     std::unique_ptr<FrameServer> server_;
     Delegate delegate_;
     PickerApp app_;

@@ -14,13 +14,6 @@ using namespace picker_test;
 
 namespace {
 
-std::vector<uint8_t> feedFrame(const char *label)
-{
-    Canvas c(640, 480, kBlue);
-    c.qr(label, 200, 100);
-    return c.jpeg();
-}
-
 class PickerScreen : public ::testing::Test {
 protected:
     void SetUp() override
@@ -39,7 +32,7 @@ protected:
 
     void serve(const char *label = "frame")
     {
-        server_ = std::make_unique<FrameServer>(feedFrame(label));
+        server_ = std::make_unique<FrameServer>(codeFrame(label, kBlue).jpeg());
         ASSERT_TRUE(server_->waitUntilServing());
     }
 

@@ -25,13 +25,6 @@ protected:
         return index < photos.size() ? photos[index] : Call{};
     }
 
-    std::vector<uint8_t> frameBytes(const char *label)
-    {
-        Canvas c(640, 480);
-        c.qr(label, 180, 100);
-        return c.jpeg();
-    }
-
     AutoreleasePool pool_;
     Recorder recorder_;
     AppSession app_;
@@ -58,7 +51,7 @@ TEST_F(PhotoTest, NoServerGivesAnEmptyPhotoAndNoError)
 
 TEST_F(PhotoTest, BeforeStartRunningThePhotoIsOneDirectFetch)
 {
-    std::vector<uint8_t> jpeg = frameBytes("photo-before");
+    std::vector<uint8_t> jpeg = codeFrame("photo-before").jpeg();
     FrameServer server(jpeg);
     ASSERT_TRUE(server.waitUntilServing()) << "127.0.0.1:47654 is taken by another server";
     long retainedBefore = count(gRetainedFakeObjects);
@@ -74,7 +67,7 @@ TEST_F(PhotoTest, BeforeStartRunningThePhotoIsOneDirectFetch)
 
 TEST_F(PhotoTest, WhileRunningThePhotoIsTheLatestFrame)
 {
-    std::vector<uint8_t> jpeg = frameBytes("photo-running");
+    std::vector<uint8_t> jpeg = codeFrame("photo-running").jpeg();
     FrameServer server(jpeg);
     ASSERT_TRUE(server.waitUntilServing()) << "127.0.0.1:47654 is taken by another server";
     send<void>(app_.session.get(), sel<"startRunning">());
