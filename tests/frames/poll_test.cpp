@@ -72,28 +72,20 @@ protected:
 };
 
 // Declared first: a frame that decodes must not have been seen earlier in this process.
-TEST_F(PollTest, BytesThatAreNoImageReachNobody)
-{
-    ScriptedServer server(ScriptedServer::answering(kNoImage), zerlan::transport::kFramePort);
-    ASSERT_TRUE(server.listening()) << "port 47654 is busy";
-    send<void>(app_.session.get(), sel<"startRunning">());
-    ASSERT_TRUE(runMainUntil(10, [&] { return server.connections() >= 3; })) << "polling goes on after a bad frame";
-    ASSERT_TRUE(drainMainQueue());
-    EXPECT_FALSE(ZerlanFrameClient::shared().latestJPEG());
-    EXPECT_EQ(0u, video_->size(&Recording::samples));
-    EXPECT_EQ(0u, metadata_->size(&Recording::metadata));
-    EXPECT_EQ(0, CALayerContentsSetCount_np(layer_));
-}
-
-TEST_F(PollTest, PollingNeedsNothingFromTheMainThread)
+TEST_F(PollTest, PollingNeedsNothingFromTheMainThreadAndBytesThatAreNoImageReachNobody)
 {
     // A fetch blocks for as long as the server takes: on the main queue it would freeze the app.
     // This thread stands for a busy main thread and never runs its loop, yet polling goes on.
     ScriptedServer server(ScriptedServer::answering(kNoImage), zerlan::transport::kFramePort);
     ASSERT_TRUE(server.listening()) << "port 47654 is busy";
     send<void>(app_.session.get(), sel<"startRunning">());
-    EXPECT_TRUE(waitFor([&] { return server.connections() >= 3; }, 20s))
-        << "poll cycles, and the pauses between them, ran without the main queue";
+    ASSERT_TRUE(waitFor([&] { return server.connections() >= 3; }, 20s))
+        << "poll cycles, and the pauses between them, ran without the main queue; polling goes on after a bad frame";
+    ASSERT_TRUE(drainMainQueue());
+    EXPECT_FALSE(ZerlanFrameClient::shared().latestJPEG());
+    EXPECT_EQ(0u, video_->size(&Recording::samples));
+    EXPECT_EQ(0u, metadata_->size(&Recording::metadata));
+    EXPECT_EQ(0, CALayerContentsSetCount_np(layer_));
 }
 
 TEST_F(PollTest, OneChainFeedsEveryReceiverAndKeepsTheLastGoodFrame)
