@@ -134,6 +134,21 @@ inline std::string text(id string)
     return chars ? chars : "<nil>";
 }
 
+// The objects of an NSArray, each as `read` gives it.
+inline id itself(id object)
+{
+    return object;
+}
+
+template <typename T = id>
+std::vector<T> elements(id array, T (*read)(id) = itself)
+{
+    std::vector<T> out;
+    for (unsigned long i = 0, n = count(array); i < n; ++i)
+        out.push_back(read(objectAtIndex(array, i)));
+    return out;
+}
+
 // ---- The app's delegate
 
 // One delegate call: the output, the third argument (connection, or the photo's error), the

@@ -147,13 +147,4 @@ TEST_F(DeviceTest, DiscoveryHandsTheCameraOnlyToAppCode)
     EXPECT_EQ(0u, count(*fromNowhere)) << "a caller that cannot be placed gets nothing";
 }
 
-TEST_F(DeviceTest, SystemFrameworkAddressesAreToldFromAppCode)
-{
-    EXPECT_FALSE(ZerlanAddressIsSystemFramework(nullptr));
-    EXPECT_FALSE(ZerlanAddressIsSystemFramework(reinterpret_cast<const void *>(&defaultVideoDevice)));
-    EXPECT_TRUE(ZerlanAddressIsSystemFramework(reinterpret_cast<const void *>(&SystemCallerDevices)));
-    int local = 0;
-    EXPECT_FALSE(ZerlanAddressIsSystemFramework(&local)) << "a stack address lies in no image";
-}
-
 } // namespace

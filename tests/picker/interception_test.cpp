@@ -15,15 +15,6 @@ id pickerClass()
     return cls("UIImagePickerController");
 }
 
-template <typename T>
-std::vector<T> elements(id array, T (*read)(id))
-{
-    std::vector<T> out;
-    for (unsigned long i = 0; i < count(array); ++i)
-        out.push_back(read(objectAtIndex(array, i)));
-    return out;
-}
-
 TEST(PickerClass, ReportsACameraAndLeavesOtherSourcesToUIKit)
 {
     AutoreleasePool pool;

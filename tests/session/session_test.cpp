@@ -13,14 +13,6 @@ using zerlan::testing::ScriptedServer;
 
 namespace {
 
-std::vector<id> elements(id array)
-{
-    std::vector<id> out;
-    for (unsigned long i = 0, n = count(array); i < n; ++i)
-        out.push_back(objectAtIndex(array, i));
-    return out;
-}
-
 class SessionTest : public ::testing::Test {
 protected:
     void TearDown() override { AVCaptureDeviceUnregisterAll_np(); }
@@ -34,10 +26,7 @@ protected:
     std::vector<std::string> receivedBySystem()
     {
         Strong<> names = Strong<>::adopt(AVCaptureSessionCopyReceivedMessages_np(session_));
-        std::vector<std::string> out;
-        for (id name : elements(names))
-            out.push_back(text(name));
-        return out;
+        return elements(names, text);
     }
 
     AutoreleasePool pool_;
