@@ -125,21 +125,11 @@ protected:
         std::ofstream(root_ / "example.sh") << example.code;
         std::vector<std::string> argv{"/bin/sh", "-c", "cd \"$0\" && exec /bin/sh $1 ./example.sh", root_.string(),
                                       isScript(example) ? "" : "-e"};
-        std::vector<std::string> env;
-        for (char **e = environ; *e; ++e) {
-            std::string entry = *e, name = entry.substr(0, entry.find('='));
-            if (name != "ZERLAN_FRAME_PORT" && name != "LD_PRELOAD" && name != "ZERLAN_DEBUG" && name != "BUILD" &&
-                name != "TMPDIR")
-                env.push_back(entry);
-        }
-        env.push_back("TMPDIR=" + (root_ / "tmp").string()); // mktemp -d, where TearDown clears it
-        std::vector<char *> args, envp;
-        for (auto &s : argv)
-            args.push_back(s.data());
-        args.push_back(nullptr);
-        for (auto &s : env)
-            envp.push_back(s.data());
-        envp.push_back(nullptr);
+        // mktemp -d, where TearDown clears it.
+        std::vector<std::string> env = environmentWith({{"ZERLAN_FRAME_PORT", kUnset}, {"LD_PRELOAD", kUnset},
+                                                        {"ZERLAN_DEBUG", kUnset}, {"BUILD", kUnset},
+                                                        {"TMPDIR", (root_ / "tmp").string()}});
+        std::vector<char *> args = cStrings(argv), envp = cStrings(env);
         // Files, not pipes: a process a block leaves behind would hold a pipe open.
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);

@@ -35,17 +35,16 @@ inline std::string buildDir()
     return dir ? dir : "build";
 }
 
-// Runs argv with the current environment changed by `set` (a value of nullptr-like "\x01unset"
-// removes the variable).
+// A value of `set` below that removes the variable.
 inline const char *const kUnset = "\x01unset";
 
-inline ProcessResult runProcess(const std::vector<std::string> &argv, const std::map<std::string, std::string> &set = {})
+// This process's environment changed by `set`, as "name=value" strings.
+inline std::vector<std::string> environmentWith(const std::map<std::string, std::string> &set)
 {
     std::map<std::string, std::string> env;
     for (char **e = environ; *e; ++e) {
         std::string entry = *e;
-        auto eq = entry.find('=');
-        if (eq != std::string::npos)
+        if (auto eq = entry.find('='); eq != std::string::npos)
             env[entry.substr(0, eq)] = entry.substr(eq + 1);
     }
     for (const auto &[key, value] : set) {
@@ -54,17 +53,27 @@ inline ProcessResult runProcess(const std::vector<std::string> &argv, const std:
         else
             env[key] = value;
     }
-    std::vector<std::string> envStrings;
+    std::vector<std::string> out;
     for (const auto &[key, value] : env)
-        envStrings.push_back(key + "=" + value);
-    std::vector<char *> envp, args;
-    for (auto &s : envStrings)
-        envp.push_back(s.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> argCopy = argv;
-    for (auto &s : argCopy)
-        args.push_back(s.data());
-    args.push_back(nullptr);
+        out.push_back(key + "=" + value);
+    return out;
+}
+
+// The strings as the null-terminated array that exec takes; valid while they are.
+inline std::vector<char *> cStrings(std::vector<std::string> &strings)
+{
+    std::vector<char *> out;
+    for (std::string &s : strings)
+        out.push_back(s.data());
+    out.push_back(nullptr);
+    return out;
+}
+
+// Runs argv with the current environment changed by `set`.
+inline ProcessResult runProcess(std::vector<std::string> argv, const std::map<std::string, std::string> &set = {})
+{
+    std::vector<std::string> envStrings = environmentWith(set);
+    std::vector<char *> envp = cStrings(envStrings), args = cStrings(argv);
 
     int outPipe[2], errPipe[2];
     if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
@@ -131,10 +140,7 @@ inline bool waitFor(Condition condition, std::chrono::steady_clock::duration lim
 inline pid_t spawnLogged(std::vector<std::string> argv, const std::string &log)
 {
     argv.insert(argv.begin(), {"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"});
-    std::vector<char *> raw;
-    for (auto &s : argv)
-        raw.push_back(s.data());
-    raw.push_back(nullptr);
+    std::vector<char *> raw = cStrings(argv);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
