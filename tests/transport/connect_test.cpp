@@ -1,4 +1,5 @@
 // The loopback connect that every fetch and the zerlan command's requests go through.
+#include "ScriptedServer.h"
 #include "transport/FetchJPEG.h"
 
 #include <gtest/gtest.h>
@@ -7,27 +8,11 @@
 #include <cstring>
 #include <unistd.h>
 
-namespace {
-
-// A port nothing uses right now: one the system gave a listener that is closed again.
-uint16_t freePort()
-{
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = zerlan::transport::loopbackEndpoint(0);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address));
-    EXPECT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length));
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
-} // namespace
-
 // Where nothing listens, a connect may be given the port it asks for as its own (here forced by
 // binding it first) and connect to itself. The server that starts next must still get its port.
 TEST(ConnectLoopback, AConnectionToItselfIsRefusedAndLeavesThePortFree)
 {
-    const sockaddr_in endpoint = zerlan::transport::loopbackEndpoint(freePort());
+    const sockaddr_in endpoint = zerlan::transport::loopbackEndpoint(zerlan::testing::closedPort());
     int client = ::socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(0, ::bind(client, reinterpret_cast<const sockaddr *>(&endpoint), sizeof endpoint));
     EXPECT_FALSE(zerlan::transport::connectLoopback(client, endpoint));
