@@ -308,6 +308,10 @@ void handleFrame(id self, id image)
 {
     ZerlanPickerScreenState &s = state(self);
     s.fetchInFlight = false;
+    // A fetch that was out when a photo was taken or a movie began to finish: the screen shows
+    // the delivery now, and a frame must not enable its button or replace its text.
+    if (s.finishing)
+        return;
     if (!image) {
         // The previous frame stays on screen; a recording simply misses this one.
         ZerlanPickerSetStatus(self, "Waiting for Zerlan camera feed…");

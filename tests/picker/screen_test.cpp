@@ -183,6 +183,12 @@ TEST_F(PickerScreen, TwoQuickTapsDeliverOnePhotoOfTheFrameOnScreen)
     serve();
     id screen = show();
     ASSERT_TRUE(waitForStatus(screen, "Tap to capture"));
+    // A fetch is still out when the photo is taken, and ends only afterwards.
+    ASSERT_TRUE(stopPolling(screen));
+    server_.reset();
+    HeldFetches port;
+    send<void>(screen, sel<"requestFrame">());
+    ASSERT_TRUE(runMainUntil(5, [&] { return port.count() > 0; }));
     id shown = send<id>(screen, sel<"latestImage">());
     id button = send<id>(screen, sel<"captureButton">());
     ASSERT_TRUE(tap(button));
@@ -197,12 +203,17 @@ TEST_F(PickerScreen, TwoQuickTapsDeliverOnePhotoOfTheFrameOnScreen)
     EXPECT_EQ("public.image", text(send<id>(info, sel<"objectForKey:">(), UIImagePickerControllerMediaType)));
     EXPECT_EQ(shown, send<id>(info, sel<"objectForKey:">(), UIImagePickerControllerOriginalImage));
 
-    // Finishing: no more polling and taps are ignored until the app dismisses the picker.
+    // Finishing: the fetch that was out changes nothing when it ends, there is no more polling,
+    // and taps are ignored until the app dismisses the picker.
     EXPECT_TRUE(send<BOOL>(screen, sel<"finishing">()));
+    port.release();
+    ASSERT_TRUE(runMainUntil(5, [&] { return !send<BOOL>(screen, sel<"fetchInFlight">()); }));
     drainMainQueue();
     send<void>(screen, sel<"requestFrame">());
     EXPECT_FALSE(send<BOOL>(screen, sel<"fetchInFlight">()));
     EXPECT_EQ("Tap to capture", statusOf(screen)) << "the screen says nothing more";
+    EXPECT_TRUE(captureEnabled(screen));
+    EXPECT_EQ(1u, port.count());
     EXPECT_EQ(1u, delegate_->calls.size());
 }
 
