@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Process.h"
+#include "transport/FetchJPEG.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -50,11 +51,7 @@ inline HttpAnswer http(uint16_t port, const std::string &method, const std::stri
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     timeval timeout{3, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
+    if (zerlan::transport::connectLoopback(fd, zerlan::transport::loopbackEndpoint(port))) {
         std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
         if (!body.empty())
             request += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
@@ -81,11 +78,7 @@ inline HttpAnswer http(const std::string &method, const std::string &path, const
 inline bool somethingListens()
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(kFramePort);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool listening = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    bool listening = zerlan::transport::connectLoopback(fd, zerlan::transport::loopbackEndpoint(kFramePort));
     close(fd);
     return listening;
 }
