@@ -368,6 +368,25 @@ void enqueue(dispatch_queue_t queue, Work *work)
 
 using namespace fakedispatch;
 
+namespace {
+
+// The work is made only for a time that comes: a block given with DISPATCH_TIME_FOREVER is never
+// copied, as libdispatch drops it at once.
+template <typename MakeWork>
+void runAfter(dispatch_time_t when, dispatch_queue_t queue, MakeWork makeWork)
+{
+    if (when == DISPATCH_TIME_FOREVER)
+        return;
+    auto deadline = deadlineOf(when);
+    Work *item = makeWork();
+    if (deadline && *deadline <= Clock::now())
+        enqueue(queue, item);
+    else
+        afterTimer().add(deadline ? *deadline : Clock::now() + std::chrono::hours(24 * 365 * 100), queue, item);
+}
+
+} // namespace
+
 extern "C" {
 
 dispatch_queue_global_t dispatch_get_global_queue(intptr_t identifier, uintptr_t flags)
@@ -491,14 +510,7 @@ void dispatch_after_f(dispatch_time_t when, dispatch_queue_t queue, void *contex
     queueState(queue);
     if (!work)
         clientCrash("NULL function");
-    if (when == DISPATCH_TIME_FOREVER)
-        return;
-    auto deadline = deadlineOf(when);
-    Work *item = makeFunctionWork(context, work);
-    if (deadline && *deadline <= Clock::now())
-        enqueue(queue, item);
-    else
-        afterTimer().add(deadline ? *deadline : Clock::now() + std::chrono::hours(24 * 365 * 100), queue, item);
+    runAfter(when, queue, [&] { return makeFunctionWork(context, work); });
 }
 
 void dispatch_after(dispatch_time_t when, dispatch_queue_t queue, dispatch_block_t block)
@@ -506,14 +518,7 @@ void dispatch_after(dispatch_time_t when, dispatch_queue_t queue, dispatch_block
     queueState(queue);
     if (!block)
         clientCrash("NULL block");
-    if (when == DISPATCH_TIME_FOREVER)
-        return;
-    auto deadline = deadlineOf(when);
-    Work *item = makeBlockWork(block);
-    if (deadline && *deadline <= Clock::now())
-        enqueue(queue, item);
-    else
-        afterTimer().add(deadline ? *deadline : Clock::now() + std::chrono::hours(24 * 365 * 100), queue, item);
+    runAfter(when, queue, [&] { return makeBlockWork(block); });
 }
 
 void dispatch_queue_set_specific(dispatch_queue_t queue, const void *key, void *context,
