@@ -705,9 +705,7 @@ TEST_F(Media, DetectorFindsEveryQRCodeInReadingOrder)
     objc_release(bitmapless);
 }
 
-// ---- large pictures
-
-// A PNG of BGRA pixels, interlaced (Adam7) or not.
+// A PNG of BGRA pixels, interlaced (Adam7) or not, for the large-picture tests below.
 std::vector<uint8_t> encodePNG(const std::vector<uint8_t> &px, int w, int h, bool interlaced)
 {
     std::vector<uint8_t> file;
