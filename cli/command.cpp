@@ -26,7 +26,8 @@ CLI::Validator portNumber(bool zeroPicksFree) {
       "");
 }
 
-uint16_t libraryFramePort(const std::string& name) {
+uint16_t libraryFramePort(const std::string& name, int given) {
+  if (given != 0) return static_cast<uint16_t>(given);
   const uint16_t port = ZerlanFramePort();
   if (const char* ignored = transport::ignoredFramePort()) {
     std::cerr << "zerlan " << name << ": ZERLAN_FRAME_PORT=" << ignored
@@ -81,11 +82,12 @@ std::vector<std::string> optionNames(const CLI::App* app) {
 
 std::string unknownOptions(const CLI::App* app, const std::vector<std::string>& args) {
   std::string text;
+  const std::vector<std::string> known = optionNames(app);
   for (const std::string& arg : args) {
     if (arg.size() < 2 || arg[0] != '-' || std::isdigit(static_cast<unsigned char>(arg[1]))) continue;
     std::string name = arg.substr(0, arg.find('='));
     text += (text.empty() ? "unknown option " : "; unknown option ") + name;
-    if (auto near = closestTo(name, optionNames(app))) text += ": did you mean " + *near + "?";
+    if (auto near = closestTo(name, known)) text += ": did you mean " + *near + "?";
   }
   return text;
 }

@@ -34,10 +34,10 @@ int usageError(const std::string& name, const std::string& message);
 // 0 too when `zeroPicksFree`. Its error reads "abc is not a port (1 to 65535)".
 CLI::Validator portNumber(bool zeroPicksFree = false);
 
-// The port that the library, loaded into an app started from here, would fetch from:
-// ZERLAN_FRAME_PORT, else 47654. A value that names no port is ignored, as the library ignores
-// it, and `zerlan NAME` says so on standard error.
-uint16_t libraryFramePort(const std::string& name);
+// `given` (a --port) when it is not 0, else the port that the library, loaded into an app
+// started from here, would fetch from: ZERLAN_FRAME_PORT, else 47654. A value that names no port
+// is ignored, as the library ignores it, and `zerlan NAME` says so on standard error.
+uint16_t libraryFramePort(const std::string& name, int given);
 
 // "SIGINT", "SIGTERM", "SIGHUP" for the signals that stop a command; "signal N" for others.
 std::string signalName(int signo);

@@ -52,7 +52,7 @@ struct CtlOptions {
 };
 
 // The port from the command line, or the one the library uses (ZERLAN_FRAME_PORT, 47654).
-int portOf(const CtlOptions& o) { return o.port != 0 ? o.port : libraryFramePort("ctl"); }
+int portOf(const CtlOptions& o) { return libraryFramePort("ctl", o.port); }
 
 int runtimeError(const std::string& name, const std::string& message) {
   std::cerr << "zerlan ctl " << name << ": " << message << "\n";
@@ -298,11 +298,12 @@ Command addCtl(CLI::App& zerlan) {
                    for (const auto& [sub, run] : runs) {
                      // ctl takes what its action leaves over, so an action's mistyped option
                      // lands here.
-                     if (sub->parsed() && ctl->remaining().empty()) return run();
                      if (sub->parsed()) {
-                       std::string unknown = unknownOptions(sub, ctl->remaining());
+                       const auto extra = ctl->remaining();
+                       if (extra.empty()) return run();
+                       std::string unknown = unknownOptions(sub, extra);
                        return usageError("ctl " + sub->get_name(),
-                                         unknown.empty() ? "unexpected " + ctl->remaining().front() : unknown);
+                                         unknown.empty() ? "unexpected " + extra.front() : unknown);
                      }
                      names.push_back(sub->get_name());
                    }

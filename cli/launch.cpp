@@ -249,7 +249,7 @@ int run(const LaunchOptions& options) {
                                     "' or pass --library with it");
   }
 
-  int port = options.port != 0 ? options.port : libraryFramePort("launch");
+  int port = libraryFramePort("launch", options.port);
   setenv("SIMCTL_CHILD_DYLD_INSERT_LIBRARIES", library.c_str(), 1);
   setenv("SIMCTL_CHILD_ZERLAN_FRAME_PORT", std::to_string(port).c_str(), 1);
   if (options.debug) setenv("SIMCTL_CHILD_ZERLAN_DEBUG", "1", 1);

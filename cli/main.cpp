@@ -51,12 +51,16 @@ int main(int argc, char** argv) {
     std::cout << app.help();
     return kExitOk;
   }
-  // `zerlan help COMMAND` is `zerlan COMMAND --help`, so the help names the command the same way.
+  // `zerlan help COMMAND [...]` is `zerlan COMMAND --help`, so the help names the command the
+  // same way.
   char helpFlag[] = "--help";
-  char* helpOf[] = {argv[0], argc == 3 ? argv[2] : nullptr, helpFlag, nullptr};
-  if (argc == 3 && std::strcmp(argv[1], kHelpWord) == 0) {
+  char* helpOf[] = {argv[0], argc >= 3 ? argv[2] : nullptr, helpFlag, nullptr};
+  if (argc >= 3 && std::strcmp(argv[1], kHelpWord) == 0) {
     for (const Command& c : commands) {
-      if (c.app->get_name() == argv[2]) argv = helpOf;
+      if (c.app->get_name() == argv[2]) {
+        argc = 3;
+        argv = helpOf;
+      }
     }
   }
 

@@ -190,7 +190,7 @@ int run(const ProbeOptions& options) {
   if (!options.save.empty()) {
     if (auto problem = checkSavePath(options.save)) return usageError("probe", *problem);
   }
-  const int port = options.port != 0 ? options.port : libraryFramePort("probe");
+  const int port = libraryFramePort("probe", options.port);
   sockaddr_in endpoint = transport::loopbackEndpoint(static_cast<uint16_t>(port));
   std::map<Verdict, int> tally;
   std::vector<double> times;

@@ -390,7 +390,6 @@ Command addServe(CLI::App& zerlan) {
       "  zerlan serve --video clip.mp4\n"
       "  zerlan serve --camera                 the default camera of this machine\n"
       "  zerlan serve --camera-input lavfi --camera 'smptebars=size=640x480'\n"
-      "  curl -H 'Content-Type: application/json' -d '{\"qr\": \"next\"}' "
       "  curl -H 'Content-Type: application/json' -d '{\"qr\": \"LOGIN-42\"}' "
       "http://127.0.0.1:47654/control\n\n"
       "The server answers only requests addressed to it (Host 127.0.0.1, localhost, [::1] or "
