@@ -29,16 +29,17 @@ bool fits(size_t width, size_t height, const DecodeLimit &limit)
     return width <= limit.side && height <= limit.side && width * height <= limit.pixels;
 }
 
-using TurboHandle = std::unique_ptr<void, int (*)(tjhandle)>;
-
-TurboHandle decompressor()
+// One decompressor per thread, for its header reads and decodes alike: a handle is reusable after
+// a failed call, and making one per picture costs more than reading a frame's header.
+tjhandle decompressor()
 {
-    return TurboHandle(tjInitDecompress(), tjDestroy);
+    thread_local const std::unique_ptr<void, int (*)(tjhandle)> handle(tjInitDecompress(), tjDestroy);
+    return handle.get();
 }
 
 bool decodeJPEG(const uint8_t *bytes, size_t size, const PictureHeader &header, const DecodeLimit &limit, Bitmap &out)
 {
-    TurboHandle handle = decompressor();
+    tjhandle handle = decompressor();
     if (!handle)
         return false;
     // The largest of the decoder's reductions (they come largest first) that fits the limit.
@@ -57,10 +58,10 @@ bool decodeJPEG(const uint8_t *bytes, size_t size, const PictureHeader &header, 
     auto pixels = allocatePixels(size_t(width), size_t(height));
     if (!pixels)
         return false;
-    if (tjDecompress2(handle.get(), bytes, static_cast<unsigned long>(size), pixels.get(), width, width * 4, height,
+    if (tjDecompress2(handle, bytes, static_cast<unsigned long>(size), pixels.get(), width, width * 4, height,
             TJPF_BGRA, 0)
             != 0
-        && tjGetErrorCode(handle.get()) != TJERR_WARNING)
+        && tjGetErrorCode(handle) != TJERR_WARNING)
         return false;
     // A warning (typically a truncated scan) still leaves a picture, as ImageIO's lenient decoding
     // does: the missing part stays grey.
@@ -231,20 +232,20 @@ uint32_t bigEndian32(const uint8_t *p)
 
 } // namespace
 
-std::optional<PictureHeader> readPictureHeader(const uint8_t *bytes, size_t size)
+std::optional<PictureHeader> readPictureHeader(const uint8_t *bytes, size_t size, PictureFormat format)
 {
-    if (size >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8) {
-        TurboHandle handle = decompressor();
+    if (format == PictureFormat::jpeg && size >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8) {
+        tjhandle handle = decompressor();
         int width = 0, height = 0, subsampling = 0, colorspace = 0;
         if (!handle
             || tjDecompressHeader3(
-                   handle.get(), bytes, static_cast<unsigned long>(size), &width, &height, &subsampling, &colorspace)
+                   handle, bytes, static_cast<unsigned long>(size), &width, &height, &subsampling, &colorspace)
                 != 0
             || width <= 0 || height <= 0)
             return std::nullopt;
         return PictureHeader{PictureFormat::jpeg, size_t(width), size_t(height), false};
     }
-    if (size >= 29 && std::memcmp(bytes, kPngSignature, 8) == 0) {
+    if (format == PictureFormat::png && size >= 29 && std::memcmp(bytes, kPngSignature, 8) == 0) {
         // libpng checks the header chunk (and its own limits on the size); it is the first chunk,
         // so its fields sit at fixed places.
         png_image image{};

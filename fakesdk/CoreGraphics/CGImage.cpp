@@ -156,8 +156,9 @@ constexpr DecodeLimit kKeptPixels = {size_t(2048) * 2048, 32767}; // pixman addr
 CGImageRef createPicture(CGDataProviderRef source, PictureFormat format)
 {
     DataProviderState *encoded = providerOf(source);
-    std::optional<PictureHeader> header = encoded ? readPictureHeader(encoded->bytes, encoded->size) : std::nullopt;
-    if (!header || header->format != format || header->width * header->height > kMaxPicturePixels)
+    std::optional<PictureHeader> header =
+        encoded ? readPictureHeader(encoded->bytes, encoded->size, format) : std::nullopt;
+    if (!header || header->width * header->height > kMaxPicturePixels)
         return nullptr;
     Bitmap bitmap;
     if (!decodePicture(encoded->bytes, encoded->size, *header, kKeptPixels, bitmap))

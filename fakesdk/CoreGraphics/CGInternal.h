@@ -44,9 +44,9 @@ struct DecodeLimit {
     size_t side;
 };
 
-// The format and size a JPEG or PNG file states, read without decoding; nothing for other bytes
-// or a header the decoder refuses.
-std::optional<PictureHeader> readPictureHeader(const uint8_t *bytes, size_t size);
+// The size a file of `format` (JPEG or PNG) states, read without decoding; nothing for bytes of
+// another format or a header the decoder refuses.
+std::optional<PictureHeader> readPictureHeader(const uint8_t *bytes, size_t size, PictureFormat format);
 
 // The picture whole, or reduced as little as it must be to fit the limit (a JPEG by one of the
 // decoder's scaling factors, a PNG by a whole factor). False when the bytes do not decode or the
