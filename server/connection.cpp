@@ -160,8 +160,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void respondUnavailable(std::string_view reason, bool headOnly = false);
   // Sends a complete response, counted as a request.
   void answer(std::string response, int status);
-  // zerlan serve -v: one line per answer, for someone following an app's fetches.
-  void logAnswer(const std::string& what);
+  // zerlan serve -v: one line per answer, for someone following an app's fetches. `what` makes
+  // the answer's part of the line, only when the line is written.
+  template <typename What>
+  void logAnswer(const What& what) {
+    if (ctx_.options.logRequests) writeLogLine(what());
+  }
+  void writeLogLine(const std::string& what);
   void send(const char* data, size_t size);
   void write();
   void onWritten(const asio::error_code& error, size_t n);
@@ -691,8 +696,10 @@ void Connection::dispatch(const http::Request& req) {
       ctx_.fetches.record(frame->index);
     }
     frame_ = std::move(frame);
-    logAnswer("200, frame index " + std::to_string(frame_->index) + ", " +
-              counted(frame_->jpeg().size(), "byte") + " of JPEG");
+    logAnswer([&] {
+      return "200, frame index " + std::to_string(frame_->index) + ", " +
+             counted(frame_->jpeg().size(), "byte") + " of JPEG";
+    });
     return send(frame_->wire.data(), head ? frame_->headSize : frame_->wire.size());
   }
   if (req.path == "/status") {
@@ -730,7 +737,11 @@ void Connection::dispatch(const http::Request& req) {
   phase_ = Phase::Control;
   worker_.untime(this);
   job.request = request_;
-  job.body = in_.substr(req.headSize, req.contentLength);
+  // The body moves into the job, so that an upload is held once; `req` points into `in_` and is
+  // not read after this.
+  in_.erase(0, req.headSize);
+  in_.resize(req.contentLength);
+  job.body = std::move(in_);
   // The reply moves its reference to the connection into the posted handler, so the control
   // thread never holds the last one: the connection is always destroyed on its own thread.
   job.reply = [self = shared_from_this()](std::string response) mutable {
@@ -755,7 +766,7 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
       return;
     case FaultKind::Refuse: {
       ctx_.requests.add();
-      logAnswer("reset");
+      logAnswer([] { return std::string("reset"); });
       // A zero linger time makes the close a reset, as a camera process that died would.
       linger abort{1, 0};
       ::setsockopt(socket_.native_handle(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
@@ -766,7 +777,7 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
       // goes. The read that dispatched the request reads on (and discards), which keeps the
       // connection alive meanwhile.
       ctx_.requests.add();
-      logAnswer("nothing sent");
+      logAnswer([] { return std::string("nothing sent"); });
       phase_ = Phase::Stalled;
       worker_.setDeadline(this, Timer::Io, ctx_.options.timeout);
       return;
@@ -775,7 +786,7 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
       ctx_.framesServed.add();
       ctx_.fetches.record(frame->index);
       frame_ = std::move(frame);
-      logAnswer("200, frame index " + std::to_string(frame_->index) + ", sent piece by piece");
+      logAnswer([&] { return "200, frame index " + std::to_string(frame_->index) + ", sent piece by piece"; });
       sendPtr_ = frame_->wire.data();
       sendLeft_ = frame_->wire.size();
       slowTimer_ = std::make_unique<asio::steady_timer>(worker_.io());
@@ -789,7 +800,7 @@ void Connection::injectFault(FaultKind fault, std::shared_ptr<const Frame> frame
       // The head promises the whole JPEG; half of it comes before the close.
       ctx_.requests.add();
       frame_ = std::move(frame);
-      logAnswer("200, frame index " + std::to_string(frame_->index) + ", cut at half its JPEG");
+      logAnswer([&] { return "200, frame index " + std::to_string(frame_->index) + ", cut at half its JPEG"; });
       return send(frame_->wire.data(), frame_->headSize + frame_->jpeg().size() / 2);
     case FaultKind::HttpError:
       return respondUnavailable(
@@ -820,9 +831,11 @@ void Connection::trickle() {
 void Connection::onControlAnswer(std::string response) {
   if (phase_ != Phase::Control) return;  // closed while the control thread worked
   out_ = std::move(response);
-  int status = 0;
-  std::sscanf(out_.c_str(), "HTTP/1.1 %d", &status);
-  logAnswer(std::to_string(status) + ", " + counted(out_.size(), "byte"));
+  logAnswer([&] {
+    int status = 0;
+    std::sscanf(out_.c_str(), "HTTP/1.1 %d", &status);
+    return std::to_string(status) + ", " + counted(out_.size(), "byte");
+  });
   send(out_.data(), out_.size());
 }
 
@@ -834,7 +847,7 @@ void Connection::respond(int status, std::string_view type, std::string body,
 void Connection::answer(std::string response, int status) {
   ctx_.requests.add();
   out_ = std::move(response);
-  logAnswer(std::to_string(status) + ", " + counted(out_.size(), "byte"));
+  logAnswer([&] { return std::to_string(status) + ", " + counted(out_.size(), "byte"); });
   send(out_.data(), out_.size());
 }
 
@@ -851,8 +864,7 @@ void Connection::respondUnavailable(std::string_view reason, bool headOnly) {
   answer(http::errorResponse(503, reason, "Retry-After: 1\r\n", headOnly), 503);
 }
 
-void Connection::logAnswer(const std::string& what) {
-  if (!ctx_.options.logRequests) return;
+void Connection::writeLogLine(const std::string& what) {
   char ms[32];
   std::snprintf(ms, sizeof ms, "%.1f",
                 std::chrono::duration<double, std::milli>(Clock::now() - started_).count());

@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "server/camera.h"
+#include "server/log.h"
 #include "server/media.h"
 #include "server/mjpeg.h"
 #include "server/pattern.h"
@@ -257,8 +258,7 @@ class DirSource final : public Source {
   SourceChoice::Kind kind() const override { return SourceChoice::Kind::Dir; }
   std::string description() const override {
     const size_t skipped = skipped_.load(std::memory_order_relaxed);
-    return "folder " + path_ + " (" + std::to_string(files_.size()) +
-           (files_.size() == 1 ? " image" : " images") + ", in name order, looping" +
+    return "folder " + path_ + " (" + counted(files_.size(), "image") + ", in name order, looping" +
            (skipped ? ", " + std::to_string(skipped) + " skipped: not pictures)" : ")");
   }
 

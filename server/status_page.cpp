@@ -248,7 +248,7 @@ async function poll() {
 }
 poll();
 
-// Errors come as JSON from the control thread and as text from the connection's own checks.
+// Every error comes as JSON, {"error": REASON}, from the control thread and the connection alike.
 async function answer(r, done) {
   const text = await r.text();
   let body = null;
